@@ -1,0 +1,14 @@
+#pragma once
+
+#include "foundation/kz/CBase.h"
+#include "foundation/kz/IWriteBarrier.h"
+
+namespace kz {
+
+// The barrier of a synchronous stream: there is never anything to wait for.
+class CDummyWriteBarrier : public CBase, public IWriteBarrier {
+public:
+    void wait() override {}
+};
+
+}  // namespace kz

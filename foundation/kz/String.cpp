@@ -1,0 +1,171 @@
+#include "foundation/kz/String.h"
+
+#include <wx/tokenzr.h>
+
+#include "foundation/kz/CError.h"
+
+namespace kz {
+
+namespace {
+
+bool isBlank(wxUniChar c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
+}
+
+}  // namespace
+
+namespace {
+
+// Text from a literal or an exception's what() must never fail to convert: bytes that are
+// not UTF-8 are taken one byte to one character.
+String lenientFromUTF8(const char* data, size_t length) {
+    if (length == 0) {
+        return String();
+    }
+    const wxString text = wxString::FromUTF8(data, length);
+    return text.empty() ? String::fromLatin1(data, length) : String(text);
+}
+
+}  // namespace
+
+String::String(const char* utf8) {
+    if (utf8 != nullptr) {
+        *this = lenientFromUTF8(utf8, std::char_traits<char>::length(utf8));
+    }
+}
+
+String::String(const std::string& utf8) {
+    *this = lenientFromUTF8(utf8.data(), utf8.size());
+}
+
+String String::fromUTF8(const void* data, size_t length) {
+    String result;
+    if (length == 0) {
+        return result;
+    }
+    result.text = wxString::FromUTF8(static_cast<const char*>(data), length);
+    // wxString::FromUTF8 answers invalid input with an empty string.
+    if (result.text.empty()) {
+        throw CError("Invalid UTF-8 text.");
+    }
+    return result;
+}
+
+String String::fromLatin1(const void* data, size_t length) {
+    String result;
+    const unsigned char* bytes = static_cast<const unsigned char*>(data);
+    std::wstring wide(length, L'\0');
+    for (size_t i = 0; i < length; ++i) {
+        wide[i] = static_cast<wchar_t>(bytes[i]);
+    }
+    result.text = wxString(wide);
+    return result;
+}
+
+String String::number(long long value) {
+    return String(std::to_string(value));
+}
+
+String String::numberUnsigned(unsigned long long value) {
+    return String(std::to_string(value));
+}
+
+String String::hex(unsigned long long value) {
+    static const char digits[] = "0123456789abcdef";
+    char buffer[17];
+    int pos = 16;
+    buffer[pos] = '\0';
+    do {
+        buffer[--pos] = digits[value & 0xF];
+        value >>= 4;
+    } while (value != 0);
+    return String(buffer + pos);
+}
+
+std::string String::toUTF8() const {
+    const wxScopedCharBuffer utf8 = text.utf8_str();
+    return std::string(utf8.data(), utf8.length());
+}
+
+void String::appendUTF8(std::vector<unsigned char>& out) const {
+    const wxScopedCharBuffer utf8 = text.utf8_str();
+    out.insert(out.end(), utf8.data(), utf8.data() + utf8.length());
+}
+
+String String::toLower() const {
+    return String(text.Lower());
+}
+
+String String::toUpper() const {
+    return String(text.Upper());
+}
+
+String String::trimmed() const {
+    return trimmedLeft().trimmedRight();
+}
+
+String String::trimmedLeft() const {
+    size_t start = 0;
+    while (start < text.length() && isBlank(text[start])) {
+        ++start;
+    }
+    return String(text.Mid(start));
+}
+
+String String::trimmedRight() const {
+    size_t end = text.length();
+    while (end > 0 && isBlank(text[end - 1])) {
+        --end;
+    }
+    return String(text.Left(end));
+}
+
+String String::substring(size_t start, size_t length) const {
+    if (start >= text.length()) {
+        return String();
+    }
+    return String(text.Mid(start, length == npos ? wxString::npos : length));
+}
+
+size_t String::find(const String& what, size_t from) const {
+    const size_t pos = text.find(what.text, from);
+    return pos == wxString::npos ? npos : pos;
+}
+
+size_t String::find(wchar_t what, size_t from) const {
+    const size_t pos = text.find(wxUniChar(static_cast<wxUint32>(what)), from);
+    return pos == wxString::npos ? npos : pos;
+}
+
+bool String::startsWith(const String& prefix) const {
+    return text.StartsWith(prefix.text);
+}
+
+bool String::endsWith(const String& suffix) const {
+    return text.EndsWith(suffix.text);
+}
+
+String String::replaced(const String& from, const String& to) const {
+    wxString copy = text;
+    copy.Replace(from.text, to.text, true);
+    return String(copy);
+}
+
+std::vector<String> String::split(wchar_t separator) const {
+    std::vector<String> pieces;
+    if (text.empty()) {
+        return pieces;
+    }
+    wxStringTokenizer tokenizer(text, wxString(wxUniChar(static_cast<wxUint32>(separator))),
+                                wxTOKEN_RET_EMPTY_ALL);
+    while (tokenizer.HasMoreTokens()) {
+        pieces.emplace_back(tokenizer.GetNextToken());
+    }
+    // The tokenizer reports no piece behind a final separator; the text model needs it.
+    if (text.Last() == wxUniChar(static_cast<wxUint32>(separator))) {
+        pieces.emplace_back();
+    }
+    return pieces;
+}
+
+}  // namespace kz
