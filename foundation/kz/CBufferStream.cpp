@@ -119,7 +119,7 @@ void CBufferStream::write(const void* data, int size, IWriteBarrier*) {
     position += size;
 }
 
-void CBufferStream::writeKeepBuffer(const TConstBufferSlice& slice, IWriteBarrier* barrier) {
+void CBufferStream::writeKeepBuffer(const TConstBufferSlice<unsigned char>& slice, IWriteBarrier* barrier) {
     write(slice.getData(), static_cast<int>(slice.getLength()), barrier);
 }
 

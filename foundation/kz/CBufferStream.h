@@ -34,7 +34,7 @@ public:
     bool isEndOfStream_NonBlocking() override;
 
     void write(const void* data, int size, IWriteBarrier* barrier) override;
-    void writeKeepBuffer(const TConstBufferSlice& slice, IWriteBarrier* barrier) override;
+    void writeKeepBuffer(const TConstBufferSlice<unsigned char>& slice, IWriteBarrier* barrier) override;
     P<IWriteBarrier> createWriteBarrier() override;
     void flush() override;
     void setLength(long long length) override;

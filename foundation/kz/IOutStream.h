@@ -16,7 +16,7 @@ public:
 
     // As write(), but the stream may keep reading the caller's bytes until `barrier` is
     // waited for, so a stream that completes writes later need not copy them.
-    virtual void writeKeepBuffer(const TConstBufferSlice& slice, IWriteBarrier* barrier) = 0;
+    virtual void writeKeepBuffer(const TConstBufferSlice<unsigned char>& slice, IWriteBarrier* barrier) = 0;
 
     virtual P<IWriteBarrier> createWriteBarrier() = 0;
 
