@@ -7,18 +7,23 @@
 #include <type_traits>
 #include <utility>
 
+#include "foundation/kz/CBase.h"
 #include "foundation/kz/SecureZero.h"
 
 namespace kz {
 
 // A growable array of trivially copyable elements with a used length.
 //
+// A buffer is a value (copying copies the elements) and also reference counted, so that a
+// buffer on the heap can be handed out through P<TBuffer<T>>. A buffer that lives inside
+// another object or on the stack must never be put into a P.
+//
 // Invariant: 0 <= used <= allocated; `data` holds `allocated` elements aligned to `align`
 // bytes. Growing keeps the used elements; new elements are uninitialised. Counts are in
 // elements, not bytes. A buffer made for key material (TCryptBuffer) zeroes every block it
 // frees, reallocations included.
 template <class T>
-class TBuffer {
+class TBuffer : public CBase {
     static_assert(std::is_trivially_copyable_v<T>, "TBuffer holds plain data only");
 
 public:
@@ -28,12 +33,13 @@ public:
         setUsed(size);
     }
 
-    TBuffer(const TBuffer& other) : align(other.align), wipe(other.wipe) {
+    TBuffer(const TBuffer& other) : CBase(), align(other.align), wipe(other.wipe) {
         assign(other.data, other.used);
     }
 
     TBuffer(TBuffer&& other) noexcept
-        : data(std::exchange(other.data, nullptr)),
+        : CBase(),
+          data(std::exchange(other.data, nullptr)),
           used(std::exchange(other.used, 0)),
           allocated(std::exchange(other.allocated, 0)),
           align(other.align),
@@ -59,7 +65,7 @@ public:
         return *this;
     }
 
-    ~TBuffer() { freeBlock(data, allocated); }
+    ~TBuffer() override { freeBlock(data, allocated); }
 
     T* getData() { return data; }
     const T* getData() const { return data; }
