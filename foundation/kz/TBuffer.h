@@ -155,20 +155,21 @@ private:
     bool wipe = false;
 };
 
-// A byte buffer for key material: every block it frees is zeroed first.
-class TCryptBuffer : public TBuffer<unsigned char> {
+// A buffer for key material: every block it frees is zeroed first, reallocations included.
+template <class T = unsigned char>
+class TCryptBuffer : public TBuffer<T> {
 public:
-    explicit TCryptBuffer(size_t size = 0) : TBuffer(CWipeOnFree(), size) {}
-    TCryptBuffer(const TCryptBuffer& other) : TBuffer(CWipeOnFree(), 0) {
-        assign(other.getData(), other.getUsed());
+    explicit TCryptBuffer(size_t size = 0) : TBuffer<T>(typename TBuffer<T>::CWipeOnFree(), size) {}
+    TCryptBuffer(const TCryptBuffer& other) : TBuffer<T>(typename TBuffer<T>::CWipeOnFree(), 0) {
+        this->assign(other.getData(), other.getUsed());
     }
     TCryptBuffer& operator=(const TCryptBuffer& other) {
-        assign(other.getData(), other.getUsed());
+        this->assign(other.getData(), other.getUsed());
         return *this;
     }
-    TCryptBuffer(TCryptBuffer&& other) noexcept : TBuffer(std::move(other)) {}
+    TCryptBuffer(TCryptBuffer&& other) noexcept : TBuffer<T>(std::move(other)) {}
     TCryptBuffer& operator=(TCryptBuffer&& other) noexcept {
-        TBuffer::operator=(std::move(other));
+        TBuffer<T>::operator=(std::move(other));
         return *this;
     }
 };
