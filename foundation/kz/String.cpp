@@ -158,12 +158,9 @@ std::vector<String> String::split(wchar_t separator) const {
     }
     wxStringTokenizer tokenizer(text, wxString(wxUniChar(static_cast<wxUint32>(separator))),
                                 wxTOKEN_RET_EMPTY_ALL);
+    // In this mode the tokenizer also reports the empty piece behind a final separator.
     while (tokenizer.HasMoreTokens()) {
         pieces.emplace_back(tokenizer.GetNextToken());
-    }
-    // The tokenizer reports no piece behind a final separator; the text model needs it.
-    if (text.Last() == wxUniChar(static_cast<wxUint32>(separator))) {
-        pieces.emplace_back();
     }
     return pieces;
 }
