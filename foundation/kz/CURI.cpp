@@ -128,6 +128,31 @@ int parsePort(const std::string& raw, const String& text) {
     return port;
 }
 
+// Splits "user:authInfo@host:port" into its decoded parts. A host in brackets is an IP
+// literal and stays as it is.
+void parseAuthority(std::string rest, const String& text, String& user, String& authInfo,
+                    String& host, int& port) {
+    const size_t at = rest.rfind('@');
+    if (at != std::string::npos) {
+        const size_t colon = rest.find(':');
+        user = decode(rest.substr(0, std::min(colon, at)), text);
+        authInfo = colon < at ? decode(rest.substr(colon + 1, at - colon - 1), text) : String();
+        rest.erase(0, at + 1);
+    }
+    size_t hostEnd = rest.rfind(':');
+    if (!rest.empty() && rest[0] == '[') {
+        hostEnd = rest.find(']');
+        if (hostEnd == std::string::npos ||
+            (hostEnd + 1 < rest.size() && rest[hostEnd + 1] != ':')) {
+            throwInvalid(text, "bad host");
+        }
+        host = String(rest.substr(0, ++hostEnd));
+    } else {
+        host = decode(rest.substr(0, hostEnd), text);
+    }
+    port = hostEnd < rest.size() ? parsePort(rest.substr(hostEnd + 1), text) : -1;
+}
+
 size_t lastIndexOf(const String& text, wchar_t c) {
     for (size_t i = text.getLength(); i > 0; --i) {
         if (text.at(i - 1) == c) {
@@ -222,27 +247,9 @@ CURI::CURI(const String& text) {
     if (s.compare(pos, 2, "//") == 0) {
         authority = true;
         const size_t end = std::min(s.find_first_of("/?#", pos + 2), s.size());
-        std::string rest = s.substr(pos + 2, end - pos - 2);
+        const std::string rest = s.substr(pos + 2, end - pos - 2);
         pos = end;
-        const size_t at = rest.rfind('@');
-        if (at != std::string::npos) {
-            const size_t colon = rest.find(':');
-            user = decode(rest.substr(0, std::min(colon, at)), text);
-            authInfo = colon < at ? decode(rest.substr(colon + 1, at - colon - 1), text) : String();
-            rest.erase(0, at + 1);
-        }
-        size_t hostEnd = rest.rfind(':');
-        if (!rest.empty() && rest[0] == '[') {
-            hostEnd = rest.find(']');
-            if (hostEnd == std::string::npos ||
-                (hostEnd + 1 < rest.size() && rest[hostEnd + 1] != ':')) {
-                throwInvalid(text, "bad host");
-            }
-            host = String(rest.substr(0, ++hostEnd));
-        } else {
-            host = decode(rest.substr(0, hostEnd), text);
-        }
-        port = hostEnd < rest.size() ? parsePort(rest.substr(hostEnd + 1), text) : -1;
+        parseAuthority(rest, text, user, authInfo, host, port);
     }
     const size_t pathEnd = std::min(s.find_first_of("?#", pos), s.size());
     path = decode(s.substr(pos, pathEnd - pos), text);
