@@ -128,6 +128,20 @@ int parsePort(const std::string& raw, const String& text) {
     return port;
 }
 
+// "[v6address]" or "[v1.future]": the parser keeps it as it stands and toString() writes it
+// back so. Any other host text is encoded, brackets included.
+bool isIPLiteral(const std::string& host) {
+    if (host.size() < 2 || host.front() != '[' || host.back() != ']') {
+        return false;
+    }
+    for (size_t i = 1; i + 1 < host.size(); ++i) {
+        if (!keepsLiteral(host[i], Part::AuthInfo) && host[i] != '%') {
+            return false;
+        }
+    }
+    return true;
+}
+
 // Splits "user:authInfo@host:port" into its decoded parts. A host in brackets is an IP
 // literal and stays as it is.
 void parseAuthority(std::string rest, const String& text, String& user, String& authInfo,
@@ -142,7 +156,7 @@ void parseAuthority(std::string rest, const String& text, String& user, String& 
     size_t hostEnd = rest.rfind(':');
     if (!rest.empty() && rest[0] == '[') {
         hostEnd = rest.find(']');
-        if (hostEnd == std::string::npos ||
+        if (hostEnd == std::string::npos || !isIPLiteral(rest.substr(0, hostEnd + 1)) ||
             (hostEnd + 1 < rest.size() && rest[hostEnd + 1] != ':')) {
             throwInvalid(text, "bad host");
         }
@@ -160,11 +174,6 @@ size_t lastIndexOf(const String& text, wchar_t c) {
         }
     }
     return String::npos;
-}
-
-// "[v6address]", which the parser keeps as it stands and toString() writes back unencoded.
-bool isIPLiteral(const String& host) {
-    return host.startsWith("[") && host.find(L']') == host.getLength() - 1;
 }
 
 bool hasNul(const String& text) {
@@ -306,10 +315,11 @@ CURI::CURI(const TPathImpl<CWindowsPathTraits>& p, bool asFolder) : CURI() {
     if (root.getLength() >= 2 && root.at(1) == L':') {
         *this = uriFromPath(p, "file", "", "/" + root.substring(0, 2) + "/" + joined, asFolder);
     } else if (root.startsWith("\\\\")) {
-        const std::vector<String> hostAndShare = root.substring(2).split(L'\\');
-        const String share = hostAndShare.size() > 1 ? hostAndShare[1] : String();
+        std::vector<String> hostAndShare = root.substring(2).split(L'\\');
+        hostAndShare.resize(2);
+        const String& share = hostAndShare[1];
         const String path = "/" + (share.isEmpty() ? joined : share + "/" + joined);
-        *this = uriFromPath(p, "file", hostAndShare.at(0), path, asFolder);
+        *this = uriFromPath(p, "file", hostAndShare[0], path, asFolder);
     } else {
         *this = uriFromPath(p, "", "", "/" + joined, asFolder);
     }
@@ -428,14 +438,16 @@ String CURI::toString(bool readable) const {
             out += authInfo.isEmpty() ? "" : ":" + encode(authInfo, Part::AuthInfo, readable);
             out += "@";
         }
-        out += isIPLiteral(host) ? host.toUTF8() : encode(host, Part::Host, readable);
+        out += isIPLiteral(host.toUTF8()) ? host.toUTF8() : encode(host, Part::Host, readable);
         out += port >= 0 ? ":" + std::to_string(port) : "";
-    } else if (path.startsWith("//")) {
-        // Without an authority a path may not begin with "//"; "/." keeps its meaning.
-        out += "/.";
     }
     const bool relative = scheme.isEmpty() && !authority;
-    out += encode(path, relative ? Part::FirstSegment : Part::Path, readable);
+    if (!authority && path.startsWith("//")) {
+        // Without an authority the path may not begin with "//"; "/%2F" decodes to the same.
+        out += "/%2F" + encode(path.substring(2), Part::Path, readable);
+    } else {
+        out += encode(path, relative ? Part::FirstSegment : Part::Path, readable);
+    }
     if (queryPresent) {
         out += "?" + encode(query, Part::QueryOrFragment, readable);
     }
