@@ -1,9 +1,9 @@
 #include "format/CVMDKSparseExtentHeader.h"
 
-#include <cstring>
-
 #include "foundation/kz/CIOError.h"
 #include "foundation/kz/CInvalidArgError.h"
+
+#include <cstring>
 
 namespace harl {
 

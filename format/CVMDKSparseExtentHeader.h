@@ -1,11 +1,11 @@
 #pragma once
 
-#include <cstdint>
-
 #include "foundation/kz/CBase.h"
 #include "foundation/kz/CDataInStream.h"
 #include "foundation/kz/CDataOutStream.h"
 #include "foundation/kz/TBuffer.h"
+
+#include <cstdint>
 
 namespace harl {
 
@@ -106,18 +106,31 @@ public:
     void store(kz::CDataOutStream& out);
 
     uint32_t getVersion() const { return version; }
+
     void setVersion(uint32_t value) { version = value; }
+
     uint32_t getFlags() const { return flags; }
+
     void setFlags(uint32_t value) { flags = value; }
+
     uint64_t getCapacitySectors() const { return capacitySectors; }
+
     void setCapacitySectors(uint64_t value) { capacitySectors = value; }
+
     uint64_t getGrainSizeSectors() const { return grainSizeSectors; }
+
     void setGrainSizeSectors(uint64_t value) { grainSizeSectors = value; }
+
     uint64_t getDescriptorOffsetSectors() const { return descriptorOffsetSectors; }
+
     void setDescriptorOffsetSectors(uint64_t value) { descriptorOffsetSectors = value; }
+
     uint64_t getDescriptorSizeSectors() const { return descriptorSizeSectors; }
+
     void setDescriptorSizeSectors(uint64_t value) { descriptorSizeSectors = value; }
+
     uint32_t getGrainTableEntryCount() const { return grainTableEntryCount; }
+
     void setGrainTableEntryCount(uint32_t value) { grainTableEntryCount = value; }
 
     uint64_t getRedundantGrainDirectoryOffsetSectors() const {
@@ -129,23 +142,38 @@ public:
     }
 
     uint64_t getGrainDirectoryOffsetSectors() const { return grainDirectoryOffsetSectors; }
+
     void setGrainDirectoryOffsetSectors(uint64_t value) { grainDirectoryOffsetSectors = value; }
+
     uint64_t getOverheadSectors() const { return overheadSectors; }
+
     void setOverheadSectors(uint64_t value) { overheadSectors = value; }
+
     bool getUncleanShutdown() const { return uncleanShutdown; }
+
     void setUncleanShutdown(bool value) { uncleanShutdown = value; }
+
     uint16_t getCompressAlgorithm() const { return compressAlgorithm; }
+
     void setCompressAlgorithm(uint16_t value) { compressAlgorithm = value; }
 
     bool getEncryptionExtensionEnabled() const { return encryptionExtensionEnabled; }
+
     void setEncryptionExtensionEnabled(bool value) { encryptionExtensionEnabled = value; }
+
     uint16_t getEncryptionAlgorithm() const { return encryptionAlgorithm; }
+
     void setEncryptionAlgorthm(uint16_t value) { encryptionAlgorithm = value; }
+
     uint16_t getEncryptionKeyHashAlgorithm() const { return encryptionKeyHashAlgorithm; }
+
     void setEncryptionKeyHashAlgorthm(uint16_t value) { encryptionKeyHashAlgorithm = value; }
+
     // The buffer itself: a caller may fill it in place. At most 427 bytes can be stored.
     kz::TBuffer<unsigned char>& getEncryptionKeyHash() { return encryptionKeyHash; }
+
     const kz::TBuffer<unsigned char>& getEncryptionKeyHash() const { return encryptionKeyHash; }
+
     // Throws CInvalidArgError for a hash longer than 427 bytes, which the record cannot hold.
     void setEncryptionKeyHash(const kz::TBuffer<unsigned char>& hash);
 

@@ -1,15 +1,14 @@
 #include "format/CVMDKSparseExtentHeader.h"
-
-#include <gtest/gtest.h>
-
-#include <cstring>
-
 #include "foundation/kz/CBufferStream.h"
 #include "foundation/kz/CIOError.h"
 #include "foundation/kz/CInvalidArgError.h"
+
 #include "tests/support/CScratchFolder.h"
 #include "tests/support/QemuImg.h"
 #include "tests/support/TestFiles.h"
+#include <gtest/gtest.h>
+
+#include <cstring>
 
 namespace {
 

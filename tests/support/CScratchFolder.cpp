@@ -1,9 +1,8 @@
 #include "tests/support/CScratchFolder.h"
 
-#include <stdlib.h>
-
 #include <filesystem>
 #include <stdexcept>
+#include <stdlib.h>
 #include <system_error>
 #include <vector>
 

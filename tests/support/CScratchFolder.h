@@ -15,6 +15,7 @@ public:
 
     // The folder's absolute path, without a final "/".
     const std::string& getPath() const { return path; }
+
     // The path of `name` inside the folder.
     std::string file(const std::string& name) const { return path + "/" + name; }
 

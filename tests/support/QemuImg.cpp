@@ -1,10 +1,9 @@
 #include "tests/support/QemuImg.h"
 
 #include <spawn.h>
+#include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <stdexcept>
 
 extern char** environ;
 

@@ -1,9 +1,9 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 namespace harltest {
 
@@ -24,9 +24,9 @@ void createQemuVMDK(const std::string& path, const std::string& subformat, long 
 }  // namespace harltest
 
 // Skips the current test when qemu-img is not installed.
-#define HARL_SKIP_WITHOUT_QEMU_IMG()                                 \
-    do {                                                             \
-        if (!harltest::isQemuImgAvailable()) {                       \
-            GTEST_SKIP() << "qemu-img is not installed";             \
-        }                                                            \
+#define HARL_SKIP_WITHOUT_QEMU_IMG()                     \
+    do {                                                 \
+        if (!harltest::isQemuImgAvailable()) {           \
+            GTEST_SKIP() << "qemu-img is not installed"; \
+        }                                                \
     } while (false)

@@ -5,8 +5,7 @@
 
 namespace harltest {
 
-kz::TBuffer<unsigned char> readFilePart(const std::string& path, long long offset,
-                                        size_t length) {
+kz::TBuffer<unsigned char> readFilePart(const std::string& path, long long offset, size_t length) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
         throw std::runtime_error("Cannot open " + path);

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <string>
-
 #include "foundation/kz/TBuffer.h"
+
+#include <string>
 
 namespace harltest {
 
@@ -12,7 +12,6 @@ kz::TBuffer<unsigned char> readWholeFile(const std::string& path);
 void writeWholeFile(const std::string& path, const kz::TBuffer<unsigned char>& content);
 
 // `length` bytes of the file from `offset`, fewer at its end.
-kz::TBuffer<unsigned char> readFilePart(const std::string& path, long long offset,
-                                        size_t length);
+kz::TBuffer<unsigned char> readFilePart(const std::string& path, long long offset, size_t length);
 
 }  // namespace harltest
