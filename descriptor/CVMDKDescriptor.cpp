@@ -17,6 +17,10 @@ namespace {
 
 constexpr unsigned int kNoParentContentID = 0xFFFFFFFF;
 
+bool beginsWith(const kz::String& text, wchar_t c) {
+    return !text.isEmpty() && text.at(0) == c;
+}
+
 bool isExtent(const kz::P<CVMDKDescriptorEntry>& entry) {
     return dynamic_cast<const CVMDKExtentInfo*>(entry.get()) != nullptr;
 }
@@ -45,7 +49,7 @@ kz::P<CVMDKDescriptor::CNameValueEntry> CVMDKDescriptor::CNameValueEntry::tryPar
     }
     kz::String value = line.substring(equals + 1).trimmed();
     // A lone quote counts as both the opening and the closing one: an empty quoted value.
-    const bool quoted = value.startsWith("\"") && value.endsWith("\"");
+    const bool quoted = beginsWith(value, L'"') && value.at(value.getLength() - 1) == L'"';
     if (quoted) {
         value = value.getLength() < 2 ? kz::String() : value.substring(1, value.getLength() - 2);
     }
@@ -110,7 +114,7 @@ void CVMDKDescriptor::parseText(const kz::String& text) {
     entries.clear();
     headerInsertIndex = 0;
     for (const kz::String& line : text.split(L'\n')) {
-        if (line.startsWith("#")) {
+        if (beginsWith(line, L'#')) {
             entries.emplace_back(new CGenericEntry(line));
         } else if (kz::P<CNameValueEntry> value = CNameValueEntry::tryParse(line)) {
             entries.emplace_back(value);

@@ -20,6 +20,22 @@ bool takeWord(kz::String& rest, kz::String& word) {
     return true;
 }
 
+// Whether `word` has the form parseInt64 accepts: a sign, then at least one digit. Words of
+// other forms are refused without the cost of an exception, which matters for long texts that
+// are not descriptors at all; a number out of range is still refused by the parse.
+bool looksDecimal(const kz::String& word) {
+    const size_t start = !word.isEmpty() && (word.at(0) == L'-' || word.at(0) == L'+') ? 1 : 0;
+    if (start == word.getLength()) {
+        return false;
+    }
+    for (size_t i = start; i < word.getLength(); ++i) {
+        if (word.at(i) < L'0' || word.at(i) > L'9') {
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 CVMDKExtentInfo::CVMDKExtentInfo(const kz::String& access, long long sizeSectors,
@@ -53,7 +69,7 @@ kz::P<CVMDKExtentInfo> CVMDKExtentInfo::tryParseDescriptorLine(const kz::String&
         kz::String rest = line.substring(blank + 1);
         kz::String sizeWord;
         kz::String type;
-        if (!takeWord(rest, sizeWord)) {
+        if (!takeWord(rest, sizeWord) || !looksDecimal(sizeWord)) {
             return nullptr;
         }
         const long long sizeSectors = kz::parseInt64(sizeWord, false);
@@ -61,7 +77,7 @@ kz::P<CVMDKExtentInfo> CVMDKExtentInfo::tryParseDescriptorLine(const kz::String&
             return nullptr;
         }
         rest = rest.trimmedLeft();
-        if (!rest.startsWith("\"")) {
+        if (rest.isEmpty() || rest.at(0) != L'"') {
             return nullptr;
         }
         const size_t closingQuote = rest.find(L'"', 1);
@@ -70,6 +86,9 @@ kz::P<CVMDKExtentInfo> CVMDKExtentInfo::tryParseDescriptorLine(const kz::String&
         }
         const kz::String filename = rest.substring(1, closingQuote - 1);
         rest = rest.substring(closingQuote + 1).trimmed();
+        if (!rest.isEmpty() && !looksDecimal(rest)) {
+            return nullptr;
+        }
         const long long offset = rest.isEmpty() ? -1 : kz::parseInt64(rest, false);
         return kz::P<CVMDKExtentInfo>(
             new CVMDKExtentInfo(access, sizeSectors, type, filename, offset));

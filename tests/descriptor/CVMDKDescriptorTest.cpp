@@ -210,14 +210,16 @@ TEST(CVMDKDescriptorTest, ReadsAndWritesBackDescriptorsOfQemuImg) {
                              : "RW 4194304 SPARSE \"twoGbMaxExtentSparse-s001.vmdk\"");
 
         // Written back, the lines keep their order with the encoding line behind the header;
-        // qemu-img reads the new content ID.
+        // qemu-img reads the new content ID. A standalone file grows by the changes.
         descriptor->setContentID(0x1234abcd);
-        // A standalone file grows by the new line.
-        const size_t room = bytes.getUsed() + (offset > 0 ? 0 : 17);
+        const size_t room = bytes.getUsed() + (offset > 0 ? 0 : 64);
         const std::string stored = store(*descriptor, static_cast<int>(room), room);
-        const size_t headerEnd = text.find('\n', text.find("createType=")) + 1;
-        EXPECT_EQ(stored.substr(headerEnd, 17), "encoding=\"UTF-8\"\n");
-        EXPECT_EQ(stored.substr(headerEnd + 17, text.size() - headerEnd), text.substr(headerEnd));
+        std::string expected = text;
+        const size_t cid = expected.find("\nCID=") + 1;
+        expected.replace(cid, expected.find('\n', cid) - cid, "CID=1234abcd");
+        expected.insert(expected.find('\n', expected.find("createType=")) + 1,
+                        "encoding=\"UTF-8\"\n");
+        EXPECT_EQ(stored, expected + std::string(room - expected.size(), '\0'));
         kz::TBuffer<unsigned char> file = harltest::readWholeFile(path);
         file.setUsed(std::max<size_t>(file.getUsed(), offset + stored.size()));
         std::copy(stored.begin(), stored.end(), file.getData() + offset);
