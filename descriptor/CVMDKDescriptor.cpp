@@ -115,13 +115,13 @@ void CVMDKDescriptor::parseText(const kz::String& text) {
     headerInsertIndex = 0;
     for (const kz::String& line : text.split(L'\n')) {
         if (beginsWith(line, L'#')) {
-            entries.emplace_back(new CGenericEntry(line));
+            entries.push_back(kz::P<CVMDKDescriptorEntry>(new CGenericEntry(line)));
         } else if (kz::P<CNameValueEntry> value = CNameValueEntry::tryParse(line)) {
             entries.emplace_back(value);
         } else if (kz::P<CVMDKExtentInfo> extent = CVMDKExtentInfo::tryParseDescriptorLine(line)) {
             entries.emplace_back(extent);
         } else {
-            entries.emplace_back(new CGenericEntry(line));
+            entries.push_back(kz::P<CVMDKDescriptorEntry>(new CGenericEntry(line)));
         }
     }
     // The piece behind the final line end is no line of its own.

@@ -13,6 +13,13 @@ namespace {
 constexpr unsigned char kLineDetectionBytes[] = {'\n', ' ', '\r', '\n'};
 constexpr int kLineDetectionSizeBytes = sizeof(kLineDetectionBytes);
 
+// Magic, version and flags; four 64-bit fields; the table entry count; three 64-bit fields;
+// the unclean shutdown byte, the line detection bytes and the compression algorithm.
+static_assert(3 * sizeof(uint32_t) + 4 * sizeof(uint64_t) + sizeof(uint32_t) +
+                  3 * sizeof(uint64_t) + sizeof(uint8_t) + kLineDetectionSizeBytes +
+                  sizeof(uint16_t) ==
+              kVMDKSparseHeaderCommonSizeBytes);
+
 kz::CProps keyHashLengthProps(size_t length) {
     return kz::CProps()
         .add("length", static_cast<long long>(length))

@@ -48,7 +48,7 @@ namespace harl {
 // | 81     | 2    | encryptionKeyHashAlgorithm           | 1: SHA-256                          |
 // | 83     | 2    | key hash length n                    | 0 to 427                            |
 // | 85     | n    | encryptionKeyHash                    | hash of the encryption key          |
-// | 85 + n | 427-n| reserved                             | kept as read, written back          |
+// | 85 + n | 427-n | reserved                            | kept as read, written back          |
 //
 // Flag bits:
 //
