@@ -1,7 +1,5 @@
 #include "foundation/kz/String.h"
 
-#include <wx/tokenzr.h>
-
 #include "foundation/kz/CError.h"
 
 namespace kz {
@@ -152,17 +150,25 @@ String String::replaced(const String& from, const String& to) const {
 }
 
 std::vector<String> String::split(wchar_t separator) const {
+    // The pieces of wxStringTokenizer in mode wxTOKEN_RET_EMPTY_ALL: every separator ends a
+    // piece, empty ones and the one behind a final separator included. The tokenizer itself
+    // rescans each run of separators before every piece in it, which makes a text of many
+    // empty lines cost quadratic time; descriptors from other writers may be such texts.
     std::vector<String> pieces;
     if (text.empty()) {
         return pieces;
     }
-    wxStringTokenizer tokenizer(text, wxString(wxUniChar(static_cast<wxUint32>(separator))),
-                                wxTOKEN_RET_EMPTY_ALL);
-    // In this mode the tokenizer also reports the empty piece behind a final separator.
-    while (tokenizer.HasMoreTokens()) {
-        pieces.emplace_back(tokenizer.GetNextToken());
+    const wxUniChar wanted(static_cast<wxUint32>(separator));
+    size_t start = 0;
+    for (;;) {
+        const size_t end = text.find(wanted, start);
+        if (end == wxString::npos) {
+            pieces.emplace_back(text.substr(start));
+            return pieces;
+        }
+        pieces.emplace_back(text.substr(start, end - start));
+        start = end + 1;
     }
-    return pieces;
 }
 
 }  // namespace kz
