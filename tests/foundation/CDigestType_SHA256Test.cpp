@@ -9,10 +9,11 @@
 
 namespace {
 
+const char* const kEmptyHex = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+
 kz::P<vesk::IDigest> newDigest() {
-    kz::P<vesk::IDigestType> type(new vesk::CDigestType_SHA256);
     kz::P<vesk::IDigest> digest;
-    type->createDigest(digest);
+    kz::makeP<vesk::CDigestType_SHA256>()->createDigest(digest);
     return digest;
 }
 
@@ -20,27 +21,22 @@ kz::String resultHex(const vesk::IDigest& digest) {
     return kz::hexEncode(digest.getData(), size_t(digest.getSize()), false);
 }
 
+// The vectors of FIPS 180-2, fed in pieces of 1, 2, 3, ... bytes to one re-used digest.
 TEST(CDigestType_SHA256Test, MatchesThePublishedVectors) {
     const std::pair<std::string, const char*> vectors[] = {
         {"abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
-        {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
+        {"", kEmptyHex},
         {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
          "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
     };
-    kz::P<vesk::IDigestType> type(new vesk::CDigestType_SHA256);
-    EXPECT_EQ(type->getID(), "sha256");
-    EXPECT_EQ(type->getSize(), 32);
+    EXPECT_EQ(kz::makeP<vesk::CDigestType_SHA256>()->getID(), "sha256");
     kz::P<vesk::IDigest> digest = newDigest();
-    EXPECT_EQ(digest->getSize(), 32);
     for (const auto& [message, hex] : vectors) {
         digest->reset();
-        // In pieces of 1, 2, 3, ... bytes, which must not change the result.
         for (size_t at = 0, piece = 1; at < message.size(); at += piece++) {
             digest->update(message.data() + at, int(std::min(piece, message.size() - at)));
         }
-        EXPECT_FALSE(digest->isFinished());
         digest->finish();
-        EXPECT_TRUE(digest->isFinished());
         EXPECT_EQ(resultHex(*digest), hex) << message;
     }
 }
@@ -50,12 +46,11 @@ TEST(CDigestType_SHA256Test, RefusesCallsOutOfOrder) {
     EXPECT_THROW(digest->getData(), kz::CError);
     EXPECT_THROW(digest->update(nullptr, 1), kz::CInvalidArgError);
     EXPECT_THROW(digest->update("x", -1), kz::CInvalidArgError);
-    digest->update(nullptr, 0);
     digest->finish();
+    EXPECT_TRUE(digest->isFinished());
     EXPECT_THROW(digest->update("x", 1), kz::CError);
     EXPECT_THROW(digest->finish(), kz::CError);
-    EXPECT_EQ(resultHex(*digest),
-              "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    EXPECT_EQ(resultHex(*digest), kEmptyHex);
 }
 
 }  // namespace

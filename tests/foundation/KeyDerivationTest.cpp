@@ -8,31 +8,25 @@
 
 namespace {
 
+void expectKey(const std::string& password, const std::string& salt, int iterations,
+               const char* keyHex) {
+    kz::TCryptBuffer<unsigned char> key(std::char_traits<char>::length(keyHex) / 2);
+    vesk::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(password.data(), int(password.size()), salt.data(),
+                                           int(salt.size()), iterations, int(key.getUsed()),
+                                           key.getData());
+    EXPECT_EQ(kz::hexEncode(key, false), keyHex) << password;
+}
+
 // The vectors of RFC 6070, less the one of 16777216 iterations.
 TEST(KeyDerivationTest, PBKDF2MatchesThePublishedVectors) {
-    struct CVector {
-        std::string password;
-        std::string salt;
-        int iterations;
-        const char* keyHex;
-    };
-
-    const CVector vectors[] = {
-        {"password", "salt", 1, "0c60c80f961f0e71f3a9b524af6012062fe037a6"},
-        {"password", "salt", 2, "ea6c014dc72d6f8ccd1ed92ace1d41f0d8de8957"},
-        {"password", "salt", 4096, "4b007901b765489abead49d926f721d065a429c1"},
-        {"passwordPASSWORDpassword", "saltSALTsaltSALTsaltSALTsaltSALTsalt", 4096,
-         "3d2eec4fe41c849b80c8d83662c0e44a8b291a964cf2f07038"},
-        {std::string("pass\0word", 9), std::string("sa\0lt", 5), 4096,
-         "56fa6aa75548099dcc37d7f03425e0c3"},
-    };
-    for (const CVector& v : vectors) {
-        kz::TCryptBuffer<unsigned char> key(std::char_traits<char>::length(v.keyHex) / 2);
-        vesk::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(v.password.data(), int(v.password.size()),
-                                               v.salt.data(), int(v.salt.size()), v.iterations,
-                                               int(key.getUsed()), key.getData());
-        EXPECT_EQ(kz::hexEncode(key, false), v.keyHex) << v.password;
-    }
+    expectKey("password", "salt", 1, "0c60c80f961f0e71f3a9b524af6012062fe037a6");
+    expectKey("password", "salt", 2, "ea6c014dc72d6f8ccd1ed92ace1d41f0d8de8957");
+    expectKey("password", "salt", 4096, "4b007901b765489abead49d926f721d065a429c1");
+    expectKey("passwordPASSWORDpassword", "saltSALTsaltSALTsaltSALTsaltSALTsalt", 4096,
+              "3d2eec4fe41c849b80c8d83662c0e44a8b291a964cf2f07038");
+    expectKey(std::string("pass\0word", 9), std::string("sa\0lt", 5), 4096,
+              "56fa6aa75548099dcc37d7f03425e0c3");
+    expectKey("", "", 1, "1e437a1c79d75be61e91141dae20affc4892cc99");
 }
 
 TEST(KeyDerivationTest, RefusesBadArguments) {
@@ -45,9 +39,6 @@ TEST(KeyDerivationTest, RefusesBadArguments) {
                  kz::CInvalidArgError);
     EXPECT_THROW(vesk::deriveKey_PKCS5_PBKDF2_HMAC_SHA1("p", 1, "s", 1, 1, 20, nullptr),
                  kz::CInvalidArgError);
-    // An empty password and salt are valid input.
-    vesk::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(nullptr, 0, nullptr, 0, 1, 20, key);
-    EXPECT_EQ(kz::hexEncode(key, sizeof(key), false), "1e437a1c79d75be61e91141dae20affc4892cc99");
 }
 
 }  // namespace

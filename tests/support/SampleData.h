@@ -6,12 +6,13 @@
 #include <string>
 #include <vector>
 
-// Header-only, so that benchmarks can use it without the test support library.
+// Grain contents for tests and benchmarks; header-only, so that benchmarks need not link the
+// test support library. Each is fixed by its seed.
 namespace harltest {
 
 using Bytes = std::vector<unsigned char>;
 
-// Random bytes, as in media or archives that are compressed already.
+// As media or archives that are compressed already.
 inline Bytes makeRandomData(size_t size, unsigned seed) {
     std::mt19937 random(seed);
     Bytes data(size);
@@ -21,50 +22,37 @@ inline Bytes makeRandomData(size_t size, unsigned seed) {
     return data;
 }
 
-// Words and numbers in lines, as in logs, sources and configuration files.
+// Lines of words and numbers, as in logs, sources and configuration files.
 inline Bytes makeTextLikeData(size_t size, unsigned seed) {
-    static const char* const kWords[] = {"disk ",   "grain ",  "table ", "the ",  "of ", "and ",
-                                         "extent ", "sector ", "write ", "read ", "= ",  "0x"};
+    const std::string words[] = {"disk ",   "grain ", "table ", "the ", "of ", "extent ",
+                                 "sector ", "write ", "= ",     "0x",   "\n"};
     std::mt19937 random(seed);
-    Bytes data;
-    while (data.size() < size) {
-        const char* word = kWords[random() % std::size(kWords)];
-        data.insert(data.end(), word, word + std::char_traits<char>::length(word));
-        if (random() % 4 == 0) {
-            data.push_back(static_cast<unsigned char>('0' + random() % 10));
-        }
-        if (random() % 9 == 0) {
-            data.push_back('\n');
-        }
+    std::string text;
+    while (text.size() < size) {
+        text += words[random() % std::size(words)] + std::to_string(random() % 100);
     }
-    data.resize(size);
-    return data;
+    return Bytes(text.begin(), text.begin() + std::ptrdiff_t(size));
 }
 
-// What a grain of a used file system holds: runs of zeros between text, records of small
-// integers and random stretches, in 4 KiB blocks.
+// As a grain of a used file system: 4 KiB blocks of free space (zeros), text, records of
+// small integers, and random data with zeros behind it.
 inline Bytes makeFileSystemLikeData(size_t size, unsigned seed) {
     const size_t blockSize = 4096;
     std::mt19937 random(seed);
     Bytes data;
     while (data.size() < size) {
         Bytes block(blockSize, 0);
-        switch (random() % 4) {
-            case 0:
-                break;  // Free space.
-            case 1:
-                block = makeTextLikeData(blockSize, static_cast<unsigned>(random()));
-                break;
-            case 2:
-                for (size_t i = 0; i < blockSize; i += 16) {
-                    block[i] = static_cast<unsigned char>(random() % 8);
-                    block[i + 4] = static_cast<unsigned char>(i >> 4);
-                }
-                break;
-            default:
-                block = makeRandomData(blockSize, static_cast<unsigned>(random()));
-                block.resize(blockSize - random() % blockSize);  // Then zeros to the end.
-                block.resize(blockSize, 0);
+        const unsigned kind = random() % 4;
+        if (kind == 1) {
+            block = makeTextLikeData(blockSize, seed + unsigned(data.size()));
+        } else if (kind == 2) {
+            for (size_t i = 0; i < blockSize; i += 16) {
+                block[i] = static_cast<unsigned char>(random() % 8);
+                block[i + 4] = static_cast<unsigned char>(i >> 4);
+            }
+        } else if (kind == 3) {
+            block = makeRandomData(random() % blockSize, seed + unsigned(data.size()));
+            block.resize(blockSize, 0);
         }
         data.insert(data.end(), block.begin(), block.end());
     }
