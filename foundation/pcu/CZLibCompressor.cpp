@@ -15,14 +15,18 @@ namespace pcu {
 namespace {
 
 const char* const kEngineName = "zlib";
+const int kDefaultLevel = 6;  // What zlib takes for Z_DEFAULT_COMPRESSION.
 
 // zlib reports failures of its own state (not of the data) this way.
 [[noreturn]] void throwEngineFailure(const char* operation, int status, const z_stream& stream) {
     if (status == Z_MEM_ERROR) {
         throw std::bad_alloc();
     }
-    throw kz::CError(kz::String("zlib ") + operation + " failed",
-                     stream.msg != nullptr ? kz::String(stream.msg) : kz::String(), status);
+    kz::String detail = "status " + kz::String::number(status);
+    if (stream.msg != nullptr) {
+        detail += kz::String(": ") + stream.msg;
+    }
+    throw kz::CError(kz::String("zlib ") + operation + " failed.", detail);
 }
 
 }  // namespace
@@ -52,7 +56,8 @@ struct CZLibCompressor::CStreams {
     }
 };
 
-CZLibCompressor::CZLibCompressor(int level) : level(level), streams(new CStreams) {
+CZLibCompressor::CZLibCompressor(int level)
+    : level(level == Z_DEFAULT_COMPRESSION ? kDefaultLevel : level), streams(new CStreams) {
     if (level < Z_DEFAULT_COMPRESSION || level > Z_BEST_COMPRESSION) {
         throw kz::CInvalidArgError("CZLibCompressor::CZLibCompressor",
                                    "Invalid zlib compression level: " + kz::String::number(level));

@@ -9,7 +9,7 @@ namespace pcu {
 
 // The zlib engine behind kz::ISimpleCompressor. Level 0 stores the data in uncompressed
 // deflate blocks, which never fails for want of compression and grows the data by a few
-// bytes only; levels 1 to 9 trade speed for size, and -1 is zlib's default (6).
+// bytes only; levels 1 to 9 trade speed for size, and -1 is zlib's default, 6.
 //
 // Each object keeps one deflate and one inflate stream, made on first use and reset for
 // every later call, so compressing or decompressing a grain allocates nothing after the

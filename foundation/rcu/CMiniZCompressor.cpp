@@ -56,7 +56,8 @@ int CMiniZCompressor::compressSingleStep(const void* source, int sourceSize, voi
             throw std::bad_alloc();  // The level was checked, so only memory is left.
         }
     }
-    if (destinationSize >= getCompressedSizeUpperBound(sourceSize)) {
+    const size_t bound = libdeflate_zlib_compress_bound(nullptr, static_cast<size_t>(sourceSize));
+    if (static_cast<size_t>(destinationSize) >= bound) {
         const size_t written =
             libdeflate_zlib_compress(compressor, source, static_cast<size_t>(sourceSize),
                                      destination, static_cast<size_t>(destinationSize));

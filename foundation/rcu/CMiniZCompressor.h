@@ -11,7 +11,7 @@ namespace rcu {
 
 // The fast engine behind kz::ISimpleCompressor, for levels 1 and up. It writes and reads the
 // same zlib format as pcu::CZLibCompressor. Levels run from 0 (stored blocks) to 12 (the
-// slowest); -1 is the engine's default (6).
+// slowest); -1 is the engine's default, 6.
 //
 // Each object keeps one compressor and one decompressor, made on first use, so that a call
 // per grain allocates nothing after the first. The engine needs a few bytes of room behind

@@ -134,7 +134,7 @@ INSTANTIATE_TEST_SUITE_P(Engines, ISimpleCompressorTest, testing::ValuesIn(kEngi
 TEST(ISimpleCompressorTest, EnginesCheckAndNameTheirLevel) {
     EXPECT_THROW(kz::makeP<pcu::CZLibCompressor>(10), kz::CInvalidArgError);
     EXPECT_THROW(kz::makeP<rcu::CMiniZCompressor>(13), kz::CInvalidArgError);
-    EXPECT_EQ(kz::makeP<pcu::CZLibCompressor>(0)->getInternalDesc(), "zlib(level=0)");
+    EXPECT_EQ(kz::makeP<pcu::CZLibCompressor>(-1)->getInternalDesc(), "zlib(level=6)");
     EXPECT_EQ(kz::makeP<rcu::CMiniZCompressor>(-1)->getInternalDesc(), "libdeflate(level=6)");
 }
 
