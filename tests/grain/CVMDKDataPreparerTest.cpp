@@ -1,0 +1,136 @@
+#include "foundation/kz/CIOError.h"
+#include "foundation/kz/CInvalidArgError.h"
+#include "grain/CVMDKDataPreparer.h"
+
+#include "tests/support/SampleData.h"
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace {
+
+using harl::CVMDKDataPreparer;
+using Buffer = kz::TBuffer<unsigned char>;
+
+constexpr long long kGrainSectors = 128;
+constexpr size_t kGrainBytes = 65536;
+
+kz::P<Buffer> bufferOf(const std::vector<unsigned char>& bytes) {
+    kz::P<Buffer> buffer(new Buffer);
+    buffer->assign(bytes.data(), bytes.size());
+    return buffer;
+}
+
+unsigned long long readLE(const unsigned char* bytes, int count) {
+    unsigned long long value = 0;
+    for (int i = count - 1; i >= 0; --i) {
+        value = value << 8 | bytes[i];
+    }
+    return value;
+}
+
+TEST(CVMDKDataPreparerTest, WithoutCompressionHandsBackTheSource) {
+    kz::P<CVMDKDataPreparer> preparer(new CVMDKDataPreparer(kGrainSectors, false, 6));
+    EXPECT_FALSE(preparer->doesAnything());
+    EXPECT_EQ(preparer->getWorstCaseGrainSizeSectors(), kGrainSectors);
+    kz::P<Buffer> source = bufferOf(harltest::makeTextLikeData(kGrainBytes, 1));
+    kz::P<Buffer> aux(new Buffer(7));
+    EXPECT_EQ(preparer->prepareGrainData(source.get(), 5, aux.get()), source);
+    EXPECT_EQ(preparer->unprepareGrainData(source.get(), aux.get()), source);
+    EXPECT_EQ(aux->getUsed(), 7u);
+    const Buffer before = *source;
+    preparer->patchGrainIndexInPreparedGrainData(*source, 9);
+    EXPECT_EQ(*source, before);
+}
+
+TEST(CVMDKDataPreparerTest, RefusesMissingBuffersAndOversizedSources) {
+    kz::P<CVMDKDataPreparer> preparer(new CVMDKDataPreparer(kGrainSectors, true, 1));
+    kz::P<Buffer> aux(new Buffer);
+    kz::P<Buffer> exact(new Buffer(kGrainBytes));
+    exact->fill(0);
+    EXPECT_NO_THROW(preparer->prepareGrainData(exact.get(), 0, aux.get()));
+    kz::P<Buffer> tooLong(new Buffer(kGrainBytes + 1));
+    try {
+        preparer->prepareGrainData(tooLong.get(), 0, aux.get());
+        FAIL();
+    } catch (const kz::CInvalidArgError& error) {
+        EXPECT_EQ(error.getWhere(), "CVMDKDataPreparer::prepareGrainData");
+        EXPECT_EQ(error.getMessage(), "source buffer is bigger than grain size (65537).");
+    }
+    try {
+        preparer->prepareGrainData(nullptr, 0, nullptr);
+        FAIL();
+    } catch (const kz::CInvalidArgError& error) {
+        EXPECT_EQ(error.getMessage(), "pSourceBuffer must not be NULL");
+    }
+    kz::P<CVMDKDataPreparer> plain(new CVMDKDataPreparer(kGrainSectors, false, 1));
+    try {
+        plain->prepareGrainData(exact.get(), 0, nullptr);
+        FAIL();
+    } catch (const kz::CInvalidArgError& error) {
+        EXPECT_EQ(error.getMessage(), "pAuxBuffer must not be NULL");
+    }
+}
+
+TEST(CVMDKDataPreparerTest, PreparedGrainHasHeaderDataAndSectorFill) {
+    kz::P<CVMDKDataPreparer> preparer(new CVMDKDataPreparer(kGrainSectors, true, -1));
+    EXPECT_TRUE(preparer->doesAnything());
+    EXPECT_GT(preparer->getWorstCaseGrainSizeSectors(), kGrainSectors);
+    const auto grain = harltest::makeFileSystemLikeData(kGrainBytes, 4);
+    kz::P<Buffer> source = bufferOf(grain);
+    kz::P<Buffer> prepared(new Buffer);
+    ASSERT_EQ(preparer->prepareGrainData(source.get(), 1, prepared.get()), prepared);
+
+    const unsigned char* bytes = prepared->getData();
+    EXPECT_EQ(readLE(bytes, 8), static_cast<unsigned long long>(kGrainSectors));
+    const size_t size = readLE(bytes + 8, 4);
+    const size_t padded = (12 + size + 511) / 512 * 512;
+    EXPECT_EQ(prepared->getUsed(), padded);
+    for (size_t i = 12 + size; i < padded; ++i) {
+        ASSERT_EQ(bytes[i], 0) << i;
+    }
+
+    kz::P<Buffer> plain(new Buffer);
+    ASSERT_EQ(preparer->unprepareGrainData(prepared.get(), plain.get()), plain);
+    EXPECT_EQ(std::vector<unsigned char>(plain->getData(), plain->getData() + plain->getUsed()),
+              grain);
+}
+
+TEST(CVMDKDataPreparerTest, PatchTouchesOnlyTheLbaAndShortGrainsUnprepareZeroFilled) {
+    kz::P<CVMDKDataPreparer> preparer(new CVMDKDataPreparer(kGrainSectors, true, 1));
+    kz::P<Buffer> shortSource = bufferOf(std::vector<unsigned char>(1000, 0xab));
+    kz::P<Buffer> prepared(new Buffer);
+    preparer->prepareGrainData(shortSource.get(), 0, prepared.get());
+    EXPECT_EQ(readLE(prepared->getData(), 8), 0u);
+
+    const Buffer before = *prepared;
+    preparer->patchGrainIndexInPreparedGrainData(*prepared, 3);
+    EXPECT_EQ(readLE(prepared->getData(), 8), 3u * kGrainSectors);
+    EXPECT_EQ(std::memcmp(prepared->getData() + 8, before.getData() + 8, before.getUsed() - 8), 0);
+
+    kz::P<Buffer> plain(new Buffer);
+    preparer->unprepareGrainData(prepared.get(), plain.get());
+    ASSERT_EQ(plain->getUsed(), kGrainBytes);
+    EXPECT_EQ((*plain)[999], 0xab);
+    EXPECT_EQ((*plain)[1000], 0);
+    EXPECT_EQ((*plain)[kGrainBytes - 1], 0);
+}
+
+TEST(CVMDKDataPreparerTest, CorruptPreparedDataIsAFormatError) {
+    kz::P<CVMDKDataPreparer> preparer(new CVMDKDataPreparer(kGrainSectors, true, 1));
+    kz::P<Buffer> source = bufferOf(harltest::makeTextLikeData(kGrainBytes, 2));
+    kz::P<Buffer> prepared(new Buffer);
+    preparer->prepareGrainData(source.get(), 0, prepared.get());
+    kz::P<Buffer> plain(new Buffer);
+    prepared->setUsed(200);  // cut inside the compressed stream
+    try {
+        preparer->unprepareGrainData(prepared.get(), plain.get());
+        FAIL();
+    } catch (const kz::CIOError& error) {
+        EXPECT_EQ(error.getCode(), kz::CIOError::CorruptFormat);
+    }
+    prepared->setUsed(5);
+    EXPECT_THROW(preparer->unprepareGrainData(prepared.get(), plain.get()), kz::CIOError);
+}
+
+}  // namespace
