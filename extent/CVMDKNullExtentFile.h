@@ -1,0 +1,87 @@
+#pragma once
+
+#include "extent/IVMDKExtentFile.h"
+#include "foundation/kz/CBase.h"
+#include "foundation/kz/CProps.h"
+
+namespace harl {
+
+// An extent with no file behind it: a hole. Every read is answered by the fallback data
+// provider, at disk byte positions, or with zeros when there is none; every change is refused
+// with an internal error, for the owner replaces a null extent before it passes a change on.
+//
+// Nothing is opened, so nothing is held or flushed; the URI only names the extent. Copies
+// share the provider.
+class CVMDKNullExtentFile : public kz::CBase, public virtual IVMDKExtentFile {
+public:
+    // `sectorSize` is bytes per sector (the library passes 512). Throws a CInvalidArgError for
+    // a grain or sector size below 1, a grain of more bytes than an int holds, a negative
+    // size, or an extent whose disk bytes lie beyond the range of positions.
+    CVMDKNullExtentFile(const kz::CURI& uri, long long startGrainIndex, long long grainSizeSectors,
+                        long long sizeSectors, long long sectorSize, bool compressed,
+                        int compressionLevel, IVMDKDataProvider* fallbackDataProvider);
+
+    void setFallbackDataProvider(IVMDKDataProvider* provider) override;
+
+    long long getStartGrainIndex() const override { return startGrainIndex; }
+
+    long long getGrainSizeSectors() const override { return grainSizeSectors; }
+
+    bool getCompressed() const override { return compressed; }
+
+    kz::CURI getURI() const override { return uri; }
+
+    // Throws a CInvalidArgError for a position below 0 or past the extent size.
+    void seek(long long newPosition) override;
+
+    long long getPosition() const override { return position; }
+
+    // Throws a CIOError code 4 when the bytes run past the extent, and a CInvalidArgError for a
+    // negative size; then nothing was asked of the provider. A size of 0 still asks it.
+    void read(void* buffer, int size) override;
+    // Always throws an internal CError.
+    void write(const void* buffer, int size) override;
+
+    // Nothing is held in memory.
+    void flushChanges() override {}
+
+    // Not available yet: throws a CIOError code 13.
+    kz::P<CVMDKDataPreparer> createDataPreparer() override;
+    // Always throws an internal CError.
+    void writePreparedGrainData(const kz::TBuffer<unsigned char>& data) override;
+    // The provider's prepared grain. Throws a CIOError code 3 when the grain runs past the
+    // extent and code 11 off a grain boundary, tested in that order. Without a provider the
+    // answer would be a prepared zero grain, which needs a data preparer: code 13 for now.
+    void readPreparedGrainData(kz::TBuffer<unsigned char>& data) override;
+    // Always throws an internal CError.
+    long long makeGrainIndependentOfParent(long long grainIndex) override;
+
+    // The provider's answer for the grain that holds the position; false without one.
+    bool isGrainWritten() override;
+
+    // A hole stores nothing: always false.
+    bool isGrainWrittenAndIndependentOfParent() override { return false; }
+
+    // Four zeros, whatever the size.
+    kz::P<CVMDKSpaceInfo> gatherSpaceInfo() override;
+
+private:
+    long long toDiskPosition(long long extentPosition) const;
+    void readPreparedZeroGrain(kz::TBuffer<unsigned char>& data, long long grainIndex);
+    kz::CProps uriProps() const;
+
+    kz::CURI uri;
+    long long startGrainIndex;
+    long long grainSizeSectors;
+    long long sizeSectors;
+    long long sectorSize;
+    bool compressed;
+    // For the data preparer of prepared holes.
+    [[maybe_unused]] int compressionLevel;
+    long long grainSizeBytes;
+    long long sizeBytes;
+    kz::P<IVMDKDataProvider> fallbackDataProvider;
+    long long position = 0;
+};
+
+}  // namespace harl

@@ -1,0 +1,104 @@
+#include "extent/CVMDKNullExtentFile.h"
+#include "foundation/kz/CInvalidArgError.h"
+
+#include "tests/support/CRecordingDataProvider.h"
+#include "tests/support/ThrownText.h"
+#include <gtest/gtest.h>
+
+namespace {
+
+using harl::CVMDKNullExtentFile;
+using harltest::CRecordingDataProvider;
+using harltest::thrownText;
+using Calls = std::vector<std::string>;
+
+// Grains of 1024 bytes; 2560 bytes from disk grain 3, so the last grain is cut and the extent
+// covers disk bytes 3072 to 5631.
+class CVMDKNullExtentFileTest : public ::testing::Test {
+protected:
+    kz::P<CRecordingDataProvider> provider{new CRecordingDataProvider};
+    kz::P<CVMDKNullExtentFile> extent{new CVMDKNullExtentFile(kz::CURI("file:///d/hole.vmdk"), 3, 2,
+                                                              5, 512, true, 6, provider.get())};
+    const std::string uri = "[uri=file:///d/hole.vmdk";
+};
+
+TEST_F(CVMDKNullExtentFileTest, AsksTheProviderAtDiskPositionsOrAnswersAsAnEmptyHole) {
+    unsigned char buffer[8] = {9, 9, 9, 9, 9, 9, 9, 9};
+    provider->writtenGrains = {4096};
+    extent->seek(1500);
+    extent->read(buffer, 4);
+    extent->read(buffer, 0);
+    EXPECT_TRUE(extent->isGrainWritten());
+    extent->seek(1023);
+    EXPECT_FALSE(extent->isGrainWritten());
+    EXPECT_FALSE(extent->isGrainWrittenAndIndependentOfParent());
+    EXPECT_EQ(provider->calls, (Calls{"getData 4572 4", "getData 4576 0", "isGrainWritten 4096",
+                                      "isGrainWritten 3072"}));
+
+    extent->setFallbackDataProvider(nullptr);
+    extent->read(buffer, 0);
+    EXPECT_EQ(buffer[0], CRecordingDataProvider::patternAt(4572));
+    extent->read(buffer, 8);
+    EXPECT_EQ(buffer[0] | buffer[7], 0);
+    EXPECT_EQ(extent->getPosition(), 1031);
+    EXPECT_FALSE(extent->isGrainWritten());
+    EXPECT_EQ(provider->calls.size(), 4u);
+    const auto space = extent->gatherSpaceInfo();
+    EXPECT_EQ(space->getPayloadSize() | space->getPayloadSizeInFile() | space->getHeaderSize() |
+                  space->getDeadSpaceSize(),
+              0);
+}
+
+TEST_F(CVMDKNullExtentFileTest, BoundsAndChangesFailWithTheirErrors) {
+    unsigned char byte = 0;
+    extent->seek(2560);
+    extent->read(&byte, 0);
+    EXPECT_EQ(thrownText<kz::CIOError>([&] { extent->read(&byte, 1); }),
+              "4 Unexpected end of data reading from VMDK null extent file. " + uri +
+                  ", position=2560, bytesToRead=1]");
+    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { extent->seek(2561); }),
+              "-1 CVMDKNullExtentFile::seek: Invalid position: 2561 " + uri + "]");
+    EXPECT_EQ(extent->getPosition(), 2560);
+
+    const std::string refused = " method called on VMDK null extent file. " + uri + "]";
+    EXPECT_EQ(thrownText<kz::CError>([&] { extent->write(&byte, 1); }),
+              "-1 Internal error: write" + refused);
+    EXPECT_EQ(thrownText<kz::CError>(
+                  [&] { extent->writePreparedGrainData(kz::TBuffer<unsigned char>()); }),
+              "-1 Internal error: writePreparedGrainData" + refused);
+    EXPECT_EQ(thrownText<kz::CError>([&] { extent->makeGrainIndependentOfParent(0); }),
+              "-1 Internal error: makeGrainIndependentOfParent" + refused);
+    // Geometry whose disk positions would overflow.
+    EXPECT_NE(thrownText<kz::CInvalidArgError>([] {
+                  CVMDKNullExtentFile(kz::CURI(), 1LL << 46, 128, 1LL << 53, 512, 0, 0, nullptr);
+              }),
+              "nothing thrown");
+}
+
+TEST_F(CVMDKNullExtentFileTest, PreparedReadsTestSizeBeforeBoundary) {
+    kz::TBuffer<unsigned char> data;
+    extent->seek(1024);
+    extent->readPreparedGrainData(data);
+    EXPECT_EQ(provider->calls, Calls{"getPrepared 4096 1024 compressed"});
+    EXPECT_EQ(extent->getPosition(), 2048);
+
+    // The cut last grain and the end itself fail the size test, off a boundary or not.
+    for (long long at : {2048LL, 2560LL}) {
+        extent->seek(at);
+        EXPECT_EQ(thrownText<kz::CIOError>([&] { extent->readPreparedGrainData(data); }),
+                  "3 Prepared grain read exceeds VMDK extent size. " + uri +
+                      ", position=" + std::to_string(at) + ", grainSize=1024, extentSize=2560]");
+    }
+    extent->seek(512);
+    EXPECT_EQ(thrownText<kz::CIOError>([&] { extent->readPreparedGrainData(data); }),
+              "11 Prepared grain read in VMDK extent file can only be done on a grain boundary. " +
+                  uri + ", position=512, grainSize=1024]");
+
+    provider->failingCall = 1;
+    extent->seek(0);
+    EXPECT_EQ(thrownText<kz::CIOError>([&] { extent->readPreparedGrainData(data); }),
+              "5 Parent data unreadable.");
+    EXPECT_EQ(extent->getPosition(), 0);
+}
+
+}  // namespace
