@@ -1,0 +1,164 @@
+#pragma once
+
+#include "extent/IVMDKExtentFile.h"
+#include "foundation/kz/CBase.h"
+#include "foundation/kz/CProps.h"
+#include "foundation/kz/CURI.h"
+#include "foundation/kz/Containers.h"
+#include "foundation/kz/IFileSystem.h"
+#include "foundation/kz/IIOStream.h"
+#include "foundation/kz/P.h"
+#include "foundation/kz/TBuffer.h"
+#include "grain/IVMDKDataProvider.h"
+
+namespace harl {
+
+// A VMDK disk as one flat, byte-addressed space with one position. The space is cut into
+// extents, one per extent line of the descriptor; the disk keeps at most one of them open and
+// cuts every transfer at extent boundaries, so a split disk holds one file at a time.
+//
+// Position: every transfer starts at getPosition() and, chunk by chunk, advances it once the
+// extent has done the chunk. A failure in a later extent leaves the position behind the
+// chunks already done, and those stay done. Bounds and the access mode are tested before any
+// byte moves.
+//
+// Extents: the open extent is flushed and closed when an operation finds the position outside
+// it; seek alone never touches an extent. A position at an extent's first byte belongs to that
+// extent, and an extent line of size 0 holds no position.
+//
+// One caller at a time: nothing here is locked or atomic. Copies share every reference-counted
+// member, the open extent included.
+class CVMDKDisk : public kz::CBase {
+public:
+    // A sector range of the disk. Keys are ordered by "a ends at or before b starts", so the
+    // keys of overlapping ranges are equivalent and the lookup key {sector, 1} finds the range
+    // that holds a sector. A key of size 0 is not ordered against itself: such ranges never
+    // enter the map.
+    struct CExtentKey {
+        long long startSector = 0;
+        long long sizeSectors = 0;
+
+        friend bool operator<(const CExtentKey& a, const CExtentKey& b) {
+            return a.startSector + a.sizeSectors <= b.startSector;
+        }
+    };
+
+    // What the disk knows of an extent while it is closed.
+    struct CExtentValue {
+        kz::CURI uri;
+        // Index, counted over the whole disk, of the extent's first grain.
+        long long startGrainIndex = -1;
+    };
+
+    CVMDKDisk(const CVMDKDisk&) = default;
+    CVMDKDisk& operator=(const CVMDKDisk&) = default;
+    // Flushes the open extent of a writable disk; a failure there is reported to the log and
+    // does not leave the destructor.
+    ~CVMDKDisk() override;
+
+    // Sets the position; 0 to getSizeBytes(), both included, else a CIOError code 7.
+    void seek(long long newPosition);
+
+    long long getPosition() const { return position; }
+
+    // Transfer `bytes` bytes at the position. A count of 0 or below moves nothing and opens no
+    // extent. Past the end: a CIOError code 4 (read) or 3 (write). write on a disk opened
+    // read-only: an internal CError, after the size test.
+    void read(void* buffer, int bytes);
+    void write(const void* buffer, int bytes);
+
+    // One grain in prepared form at the position, which must lie on a grain boundary with the
+    // whole grain inside the disk (else a CIOError code 3, then 11); advances by one grain. A
+    // grain that an extent boundary cuts gives an internal CError.
+    void readPreparedGrainData(kz::TBuffer<unsigned char>& buffer);
+    void writePreparedGrainData(const kz::TBuffer<unsigned char>& buffer);
+
+    // Ask the extent that holds the position; the position does not move. At getSizeBytes()
+    // no extent holds it: an internal CError.
+    bool isGrainWritten();
+    bool isGrainWrittenAndIndependentOfParent();
+
+    // Copies grain `grainIndex` (counted over the whole disk) from the parent into its extent
+    // and leaves the position at the start of the next grain. Returns the extent's answer.
+    long long makeGrainIndependentOfParent(long long grainIndex);
+
+    // Flushes the open extent of a writable disk. The extent stays open.
+    void flushChanges();
+
+    long long getSizeBytes() const { return sizeBytes; }
+
+    long long getGrainSizeBytes() const { return grainSizeBytes; }
+
+    bool getCompressed() const { return compressed; }
+
+    kz::CURI getMainFileURI() const { return mainFileURI; }
+
+    kz::CURI getFirstExtentFileURI() const { return firstExtentFileURI; }
+
+    kz::CURI getParentDiskMainURI() const { return parentDiskMainURI; }
+
+    // Sectors per grain of a disk that create() writes; getGrainSizeBytes() tells what this
+    // disk has.
+    static long long getGrainSizeSectors() { return 128; }
+
+protected:
+    // A disk without extents, at position 0: `mainFileURI` is kept normalized. The extent map
+    // is filled through appendExtentRange and finished by finishExtentMap.
+    CVMDKDisk(kz::IFileSystem* fileSystem, const kz::CURI& mainFileURI,
+              kz::IIOStream::Access access, int compressionLevel);
+
+    // Adds the range of one extent line behind those added so far. The first call names the
+    // first extent file. A line of size 0 takes no position and gets no map entry. A negative
+    // size, or a disk beyond the range of byte positions, is a CIOError code 5.
+    void appendExtentRange(const kz::CURI& fileURI, long long rangeSizeSectors);
+
+    // Sets the grain geometry, which the first extent gives for the whole disk, and the start
+    // grain index of every range (rounded up for a range that starts inside a grain). Leaves
+    // the position at 0 with no extent open.
+    void finishExtentMap(long long diskGrainSizeSectors, bool diskCompressed);
+
+    // Makes the extent object for a map entry whose range holds the position: `uri` is the
+    // entry's file, normalized. Never returns null; throws when the extent cannot be made.
+    virtual kz::P<IVMDKExtentFile> makeExtentFile(const kz::CURI& uri, long long startGrainIndex,
+                                                  long long rangeSizeSectors) = 0;
+
+    // The step of every operation that reaches an extent. Closes the open extent if the
+    // position has left it, opens the one that holds the position, and seeks it there (only if
+    // its own position differs). Out: `extent`, a new reference to it; `opBytes`, how many of
+    // `bytes` lie in it from the position on. The position does not move.
+    void beginIOOp(long long bytes, kz::P<IVMDKExtentFile>& extent, long long& opBytes);
+
+private:
+    void openExtentAtPosition();
+    void testGrainOpBytes(long long opBytes, const char* message) const;
+    kz::CProps mainFileProps() const;
+
+    // Members go in reverse declaration order: the key material first (the key buffer wipes
+    // itself), and whatever stands behind currentExtent, a lock on the disk included, before
+    // the open extent closes its file.
+    kz::P<kz::IFileSystem> fileSystem;
+    kz::CURI mainFileURI;
+    kz::IIOStream::Access access;
+    kz::CURI firstExtentFileURI;
+    // Handed to the extents and preparers that opening makes.
+    [[maybe_unused]] int compressionLevel;
+    kz::CURI parentDiskMainURI;
+    kz::P<IVMDKDataProvider> parentDataProvider;
+    kz::TMap<CExtentKey, CExtentValue> extentMap;
+    long long sizeSectors = 0;
+    long long sizeBytes = 0;
+    long long grainSizeSectors;
+    long long grainSizeBytes;
+    bool compressed = false;
+    long long position = 0;
+    kz::P<IVMDKExtentFile> currentExtent;
+    kz::CURI currentExtentURI;
+    long long currentExtentStartBytes = -1;
+    long long currentExtentSizeBytes = 0;
+    [[maybe_unused]] bool createExtentFilesOnDemand = false;
+    kz::TCryptBuffer<unsigned char> encryptionKey;
+    kz::TBuffer<unsigned char> encryptionIV;
+    kz::TBuffer<unsigned char> encryptionKeyHash;
+};
+
+}  // namespace harl
