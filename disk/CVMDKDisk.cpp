@@ -228,6 +228,10 @@ void CVMDKDisk::flushChanges() {
     }
 }
 
+kz::P<CVMDKDataPreparer> CVMDKDisk::createDataPreparer() const {
+    return kz::makeP<CVMDKDataPreparer>(grainSizeSectors, compressed, compressionLevel);
+}
+
 void CVMDKDisk::beginIOOp(long long bytes, kz::P<IVMDKExtentFile>& extent, long long& opBytes) {
     // The caller's reference to the previous extent must not keep it alive: a split disk
     // closes one file before it opens the next.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "descriptor/CVMDKDescriptor.h"
+#include "descriptor/CVMDKExtentInfo.h"
 #include "extent/IVMDKExtentFile.h"
 #include "foundation/kz/CBase.h"
 #include "foundation/kz/CProps.h"
@@ -9,6 +11,7 @@
 #include "foundation/kz/IIOStream.h"
 #include "foundation/kz/P.h"
 #include "foundation/kz/TBuffer.h"
+#include "foundation/vesk/ICipher.h"
 #include "grain/IVMDKDataProvider.h"
 
 namespace harl {
@@ -97,6 +100,12 @@ public:
 
     kz::CURI getParentDiskMainURI() const { return parentDiskMainURI; }
 
+    kz::P<CVMDKDescriptor> getDescriptor() const { return descriptor; }
+
+    // A new preparer with this disk's grain size, compression and level. It carries no
+    // cipher: prepared grains are in the clear.
+    kz::P<CVMDKDataPreparer> createDataPreparer() const;
+
     // Sectors per grain of a disk that create() writes; getGrainSizeBytes() tells what this
     // disk has.
     static long long getGrainSizeSectors() { return 128; }
@@ -140,10 +149,11 @@ private:
     kz::CURI mainFileURI;
     kz::IIOStream::Access access;
     kz::CURI firstExtentFileURI;
-    // Handed to the extents and preparers that opening makes.
-    [[maybe_unused]] int compressionLevel;
+    int compressionLevel;
     kz::CURI parentDiskMainURI;
     kz::P<IVMDKDataProvider> parentDataProvider;
+    kz::P<CVMDKDescriptor> descriptor;
+    kz::TArray<kz::P<CVMDKExtentInfo>> extentInfos;
     kz::TMap<CExtentKey, CExtentValue> extentMap;
     long long sizeSectors = 0;
     long long sizeBytes = 0;
@@ -156,6 +166,7 @@ private:
     long long currentExtentStartBytes = -1;
     long long currentExtentSizeBytes = 0;
     [[maybe_unused]] bool createExtentFilesOnDemand = false;
+    kz::P<vesk::ICipher> cipher;
     kz::TCryptBuffer<unsigned char> encryptionKey;
     kz::TBuffer<unsigned char> encryptionIV;
     kz::TBuffer<unsigned char> encryptionKeyHash;

@@ -95,8 +95,7 @@ void CVMDKNullExtentFile::write(const void*, int) {
 }
 
 kz::P<CVMDKDataPreparer> CVMDKNullExtentFile::createDataPreparer() {
-    throw kz::CIOError(kz::CIOError::Unsupported,
-                       "Data preparers are not available for VMDK null extent files.", uriProps());
+    return kz::makeP<CVMDKDataPreparer>(grainSizeSectors, compressed, compressionLevel);
 }
 
 void CVMDKNullExtentFile::writePreparedGrainData(const kz::TBuffer<unsigned char>&) {

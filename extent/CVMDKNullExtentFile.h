@@ -45,7 +45,7 @@ public:
     // Nothing is held in memory.
     void flushChanges() override {}
 
-    // Not available yet: throws a CIOError code 13.
+    // A new preparer at each call.
     kz::P<CVMDKDataPreparer> createDataPreparer() override;
     // Always throws an internal CError.
     void writePreparedGrainData(const kz::TBuffer<unsigned char>& data) override;
@@ -76,8 +76,7 @@ private:
     long long sizeSectors;
     long long sectorSize;
     bool compressed;
-    // For the data preparer of prepared holes.
-    [[maybe_unused]] int compressionLevel;
+    int compressionLevel;
     long long grainSizeBytes;
     long long sizeBytes;
     kz::P<IVMDKDataProvider> fallbackDataProvider;

@@ -5,11 +5,10 @@
 #include "foundation/kz/IBase.h"
 #include "foundation/kz/P.h"
 #include "foundation/kz/TBuffer.h"
+#include "grain/CVMDKDataPreparer.h"
 #include "grain/IVMDKDataProvider.h"
 
 namespace harl {
-
-class CVMDKDataPreparer;
 
 // What a disk sees of one extent: a byte range with its own position, counted from the
 // extent's first byte. The disk translates its own position, seeks the extent and then reads

@@ -126,6 +126,7 @@ protected:
 TEST_F(CVMDKDiskTest, ReadsCutAtEveryBoundaryWithOneExtentOpen) {
     auto disk = makeDisk(kRead);
     EXPECT_EQ(disk->getFirstExtentFileURI(), kz::CURI("file:///d/a"));
+    EXPECT_EQ(disk->createDataPreparer()->getWorstCaseGrainSizeSectors(), 2);
     disk->read(buffer, 6144);
     EXPECT_EQ(takeTrace(),
               (Trace{"open a 0", "read a 0 2048", "flush a", "close a", "open b 2", "read b 0 1024",

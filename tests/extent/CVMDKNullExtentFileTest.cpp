@@ -43,6 +43,7 @@ TEST_F(CVMDKNullExtentFileTest, AsksTheProviderAtDiskPositionsOrAnswersAsAnEmpty
     EXPECT_EQ(extent->getPosition(), 1031);
     EXPECT_FALSE(extent->isGrainWritten());
     EXPECT_EQ(provider->calls.size(), 4u);
+    EXPECT_TRUE(extent->createDataPreparer()->doesAnything());
     const auto space = extent->gatherSpaceInfo();
     EXPECT_EQ(space->getPayloadSize() | space->getPayloadSizeInFile() | space->getHeaderSize() |
                   space->getDeadSpaceSize(),
