@@ -1,16 +1,17 @@
 #include "disk/CVMDKDisk.h"
-#include "extent/CVMDKNullExtentFile.h"
-#include "foundation/kz/CIOError.h"
 
-#include "tests/support/CLogCapture.h"
-#include "tests/support/CRecordingDataProvider.h"
-#include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "extent/CVMDKNullExtentFile.h"
+#include "foundation/kz/CIOError.h"
+#include "tests/support/CLogCapture.h"
+#include "tests/support/CRecordingDataProvider.h"
+#include "tests/support/ThrownText.h"
 
 namespace {
 

@@ -1,9 +1,10 @@
 #include "extent/CVMDKNullExtentFile.h"
-#include "foundation/kz/CInvalidArgError.h"
 
+#include <gtest/gtest.h>
+
+#include "foundation/kz/CInvalidArgError.h"
 #include "tests/support/CRecordingDataProvider.h"
 #include "tests/support/ThrownText.h"
-#include <gtest/gtest.h>
 
 namespace {
 
