@@ -1,0 +1,226 @@
+#include "grain/CVMDKGrainDirectory.h"
+
+#include "format/VMDKMarkers.h"
+#include "foundation/kz/CError.h"
+#include "foundation/kz/CIOError.h"
+#include "foundation/kz/CInvalidArgError.h"
+#include "foundation/kz/Log.h"
+#include "grain/CVMDKGrainTable.h"
+#include "grain/CVMDKGrainTableCache.h"
+#include "grain/VMDKEntryArrays.h"
+
+#include <algorithm>
+#include <climits>
+#include <exception>
+
+namespace harl {
+
+namespace {
+
+constexpr long long kDirectoryEntrySizeBytes = 4;
+constexpr long long kGrainTableEntrySizeBytes = 4;
+
+// Whole sectors that `count` directory or table entries of `entrySizeBytes` take.
+long long sectorsForEntries(long long count, long long entrySizeBytes) {
+    return (count * entrySizeBytes + kSectorSizeBytes - 1) / kSectorSizeBytes;
+}
+
+}  // namespace
+
+CVMDKGrainDirectory::CVMDKGrainDirectory(kz::IIOStream* stream, kz::IIOStream::Access access,
+                                         long long posSectors, long long redundantPosSectors,
+                                         long long capacitySectors, long long grainSizeSectors,
+                                         int grainsPerTable, bool compressed,
+                                         CVMDKGrainTableCache* grainTableCache)
+    : stream(stream),
+      access(access),
+      grainTableCache(grainTableCache),
+      posSectors(posSectors),
+      redundantPosSectors(redundantPosSectors),
+      grainSizeSectors(grainSizeSectors),
+      grainsPerTable(grainsPerTable),
+      compressed(compressed),
+      capacitySectors(capacitySectors) {
+    if (stream == nullptr || grainTableCache == nullptr) {
+        throw kz::CInvalidArgError("CVMDKGrainDirectory constructor",
+                                   "stream and grainTableCache must not be NULL");
+    }
+    checkGeometry();
+    extentGrainCount = calcExtentGrainCount(capacitySectors, grainSizeSectors);
+    grainTableCount = calcExtentGrainTableCount(capacitySectors, grainSizeSectors, grainsPerTable);
+    readDirectories();
+    findSlotDirectory();
+    if (slotDirectoryPosSectors > 0) {
+        readVMDKEntriesWithinLength(*stream, slotDirectoryPosSectors, grainTableCount,
+                                    slotDirectory);
+    } else if (compressed) {
+        throw kz::CError("Slot size directory not found in compressed VMDK.", kz::String(), -1,
+                         kz::CProps().add("uri", getURIText()));
+    }
+}
+
+CVMDKGrainDirectory::~CVMDKGrainDirectory() {
+    try {
+        grainTableCache->flushCachedTablesFromDirectoryToStream(this);
+    } catch (const std::exception& error) {
+        kz::onExceptionInDestructorIgnored("harl::CVMDKGrainDirectory", error, true);
+    }
+    // Removed even after a failed flush: the keys hold this directory's address, and a later
+    // directory at the same address must not meet these tables.
+    try {
+        grainTableCache->removeCachedTablesFromDirectory(this);
+    } catch (const std::exception& error) {
+        kz::onExceptionInDestructorIgnored("harl::CVMDKGrainDirectory", error, true);
+    }
+}
+
+kz::String CVMDKGrainDirectory::getURIText() {
+    return stream->getURI().toString(true);
+}
+
+void CVMDKGrainDirectory::checkGeometry() {
+    // These values come from the header; they divide and size everything below, so a value no
+    // extent can have is a corrupt file. The table size ceiling is the table's own.
+    if (capacitySectors < 0 || grainSizeSectors <= 0 || grainsPerTable <= 0 ||
+        grainsPerTable > CVMDKGrainTable::kMaxGrainCount) {
+        throw kz::CIOError(kz::CIOError::CorruptFormat,
+                           "VMDK file has an invalid grain geometry (capacity: " +
+                               kz::String::number(capacitySectors) +
+                               " sectors, grain size: " + kz::String::number(grainSizeSectors) +
+                               " sectors, grains per table: " + kz::String::number(grainsPerTable) +
+                               ").",
+                           kz::CProps().add("uri", getURIText()));
+    }
+}
+
+long long CVMDKGrainDirectory::calcExtentGrainCount(long long capacitySectors,
+                                                    long long grainSizeSectors) {
+    // The same as (capacity + grainSize - 1) / grainSize, without the sum that could overflow.
+    return capacitySectors / grainSizeSectors + (capacitySectors % grainSizeSectors > 0 ? 1 : 0);
+}
+
+long long CVMDKGrainDirectory::calcExtentGrainTableCount(long long capacitySectors,
+                                                         long long grainSizeSectors,
+                                                         int grainsPerTable) {
+    const long long grainCount = calcExtentGrainCount(capacitySectors, grainSizeSectors);
+    return grainCount / grainsPerTable + (grainCount % grainsPerTable > 0 ? 1 : 0);
+}
+
+void CVMDKGrainDirectory::readDirectories() {
+    // The count comes from the header: each read first proves that the directory fits in the
+    // file, so that a header claiming a huge extent in a small file costs no memory.
+    readVMDKEntriesWithinLength(*stream, posSectors, grainTableCount, directory);
+    if (redundantPosSectors > 0) {
+        readVMDKEntriesWithinLength(*stream, redundantPosSectors, grainTableCount,
+                                    redundantDirectory);
+    }
+}
+
+long long CVMDKGrainDirectory::findSlotDirectoryMarkerSector() const {
+    if (grainTableCount == 0) {
+        const long long last = std::max(posSectors, redundantPosSectors);
+        return last < LLONG_MAX ? last + 1 : LLONG_MAX;
+    }
+    const size_t lastIndex = static_cast<size_t>(grainTableCount - 1);
+    unsigned int lastTableSectors = directory[lastIndex];
+    if (redundantDirectory.getUsed() > 0) {
+        lastTableSectors = std::max(lastTableSectors, redundantDirectory[lastIndex]);
+    }
+    return lastTableSectors + sectorsForEntries(grainsPerTable, kGrainTableEntrySizeBytes);
+}
+
+void CVMDKGrainDirectory::findSlotDirectory() {
+    const long long markerSector = findSlotDirectoryMarkerSector();
+    unsigned char sector[kSectorSizeBytes];
+    stream->seek(vmdkSectorsToBytesSaturated(markerSector));
+    if (stream->readLax(sector, kSectorSizeBytes) < kSectorSizeBytes) {
+        return;
+    }
+    long long valueSectors = 0;
+    if (!isVMDKMarker(sector, VMDKMarkerSlotSizeDirectory, &valueSectors)) {
+        return;
+    }
+    const long long expectedSectors = sectorsForEntries(grainTableCount, kDirectoryEntrySizeBytes);
+    if (valueSectors != expectedSectors) {
+        kz::logWarning(
+            "Found VMDK marker for kzSlotDirectory, but the slot directory size does not match "
+            "the expected value (actual: " +
+            kz::String::number(valueSectors) +
+            ", expected: " + kz::String::number(expectedSectors) + ", uri: '" + getURIText() +
+            "'). Ignoring the slot directory.");
+        return;
+    }
+    slotDirectoryPosSectors = markerSector + 1;
+}
+
+kz::P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(long long tableIndex) {
+    if (tableIndex < 0 || tableIndex >= grainTableCount) {
+        throw kz::CInvalidArgError("CVMDKGrainDirectory::getGrainTable",
+                                   "invalid table index: " + kz::String::number(tableIndex),
+                                   kz::CProps().add("uri", getURIText()));
+    }
+    kz::P<CVMDKGrainTable> table = grainTableCache->getCachedTable(this, tableIndex);
+    if (table) {
+        return table;
+    }
+    return readTableBatch(tableIndex);
+}
+
+kz::P<CVMDKGrainTable> CVMDKGrainDirectory::readTableBatch(long long tableIndex) {
+    // Batches are aligned, so that neighbouring misses share one; a sequential walk thus finds
+    // 31 of each 32 tables cached.
+    const long long start = tableIndex - tableIndex % kTableBatchSize;
+    const long long end = std::min(start + kTableBatchSize, grainTableCount);
+    kz::P<CVMDKGrainTable> result;
+    for (long long index = start; index < end; ++index) {
+        // A cached table may hold changes that are not on file yet: never replace it.
+        if (grainTableCache->hasCachedTable(this, index)) {
+            continue;
+        }
+        const size_t at = static_cast<size_t>(index);
+        kz::P<CVMDKGrainTable> table;
+        try {
+            table = new CVMDKGrainTable(
+                stream.get(), access, grainSizeSectors, directory[at],
+                redundantDirectory.getUsed() > 0 ? redundantDirectory[at] : 0,
+                slotDirectory.getUsed() > 0 ? slotDirectory[at] : 0, grainsPerTable);
+        } catch (const kz::CError&) {
+            // A neighbour that cannot be read stays out of the cache; its error comes when it
+            // is asked for itself, and does not keep the tables around it from being read.
+            if (index == tableIndex) {
+                throw;
+            }
+            continue;
+        }
+        // May evict other tables, which then write themselves; the limit runs between tables.
+        grainTableCache->setCachedTable(this, index, table.get());
+        if (index == tableIndex) {
+            result = table;
+        }
+    }
+    if (!result) {
+        throw kz::CError(
+            "Internal error: CVMDKGrainDirectory::getGrainTable updated the cache, but did not "
+            "encounter the requested table (requested index: " +
+            kz::String::number(tableIndex) + ")");
+    }
+    return result;
+}
+
+void CVMDKGrainDirectory::getGrainInfo(long long grainIndex, long long& posSectors,
+                                       long long& slotSizeSectors) {
+    getGrainTable(grainIndex / grainsPerTable)
+        ->getGrainInfo(grainIndex % grainsPerTable, posSectors, slotSizeSectors);
+}
+
+void CVMDKGrainDirectory::setGrainInfo(long long grainIndex, long long posSectors,
+                                       long long slotSizeSectors) {
+    getGrainTable(grainIndex / grainsPerTable)
+        ->setGrainInfo(grainIndex % grainsPerTable, posSectors, slotSizeSectors);
+}
+
+void CVMDKGrainDirectory::flushChangesToStream() {
+    grainTableCache->flushCachedTablesFromDirectoryToStream(this);
+}
+
+}  // namespace harl
