@@ -110,6 +110,9 @@ public:
 
     long long getGrainSizeSectors() const { return grainSizeSectors; }
 
+    // True for an extent of compressed grains, which requires a slot directory.
+    bool getCompressed() const { return compressed; }
+
     // The slot directory's sector, 0 when there is none.
     long long getSlotDirectoryPosSectors() const { return slotDirectoryPosSectors; }
 

@@ -4,7 +4,6 @@
 #include "tests/support/CRecordingStream.h"
 #include <gtest/gtest.h>
 
-#include <iterator>
 #include <vector>
 
 namespace {
@@ -12,10 +11,8 @@ namespace {
 using harl::CVMDKGrainDirectory;
 using harl::CVMDKGrainTable;
 using harl::CVMDKGrainTableCache;
-using Key = CVMDKGrainTableCache::CKey;
 
 constexpr long long kGrainSectors = 128;
-constexpr int kGrains = 128;  // one sector per table
 
 // The cache knows directories by address only; it never looks behind these.
 int directoryTokens[2];
@@ -25,14 +22,15 @@ CVMDKGrainDirectory* const kDirB = reinterpret_cast<CVMDKGrainDirectory*>(&direc
 struct CVMDKGrainTableCacheTest : ::testing::Test {
     CVMDKGrainTableCacheTest() { stream->setLength(16 * 512); }
 
-    // A table at sector `sector`, made dirty when asked.
-    kz::P<CVMDKGrainTable> table(long long sector, bool dirty = false) {
-        kz::P<CVMDKGrainTable> result(new CVMDKGrainTable(
-            stream.get(), kz::IIOStream::AccessReadWrite, kGrainSectors, sector, 0, 0, kGrains));
+    // Stores a table of one sector at `sector`, dirty if asked, under `directory` and `index`.
+    void put(CVMDKGrainTableCache& cache, CVMDKGrainDirectory* directory, long long index,
+             long long sector, bool dirty = true) {
+        kz::P<CVMDKGrainTable> table(new CVMDKGrainTable(
+            stream.get(), kz::IIOStream::AccessReadWrite, kGrainSectors, sector, 0, 0, 128));
         if (dirty) {
-            result->setGrainInfo(0, 1000 + sector, kGrainSectors);
+            table->setGrainInfo(0, 1000 + sector, kGrainSectors);
         }
-        return result;
+        cache.setCachedTable(directory, index, table.get());
     }
 
     std::vector<long long> writtenSectors() const {
@@ -43,84 +41,60 @@ struct CVMDKGrainTableCacheTest : ::testing::Test {
         return sectors;
     }
 
-    std::vector<Key> useOrder(const CVMDKGrainTableCache& cache) const {
-        std::vector<Key> keys;
-        cache.getCache().copyKeysInUseOrder(std::back_inserter(keys));
-        return keys;
-    }
-
     kz::P<harltest::CRecordingStream> stream{new harltest::CRecordingStream};
 };
 
-TEST_F(CVMDKGrainTableCacheTest, KeysNameTheDirectoryAndEvictionWritesDirtyTables) {
+TEST_F(CVMDKGrainTableCacheTest, EvictionAfterHitsWritesDirtyTablesThroughTheirDestructor) {
     kz::P<CVMDKGrainTableCache> cache(new CVMDKGrainTableCache(2));
-    cache->setCachedTable(kDirA, 0, table(1, true).get());
-    cache->setCachedTable(kDirB, 0, table(2).get());
+    put(*cache, kDirA, 0, 1);
+    put(*cache, kDirB, 0, 2, false);  // the same index under another directory
     EXPECT_EQ(cache->getCachedTableCount(), 2);
-    kz::P<CVMDKGrainTable> first = cache->getCachedTable(kDirA, 0);
-    EXPECT_NE(first, cache->getCachedTable(kDirB, 0));
-    first = nullptr;
-    EXPECT_TRUE(stream->writes.empty());
-
-    // B's table was asked for last, so A's goes first, and writes itself on its way out.
-    cache->setCachedTable(kDirA, 1, table(3).get());
+    EXPECT_NE(cache->getCachedTable(kDirA, 0), cache->getCachedTable(kDirB, 0));
+    EXPECT_NE(cache->getCachedTable(kDirB, 0), nullptr);  // B's is now the newer
+    put(*cache, kDirA, 1, 3, false);
     EXPECT_EQ(writtenSectors(), std::vector<long long>{1});
     EXPECT_EQ(cache->getCachedTable(kDirA, 0), nullptr);
-    EXPECT_EQ(useOrder(*cache), (std::vector<Key>{{kDirA, 1}, {kDirB, 0}}));
 
-    // A holder keeps an evicted table alive and clean of writes until it lets go.
+    // A holder keeps an evicted table, and its changes, until it lets go.
     kz::P<CVMDKGrainTable> held = cache->getCachedTable(kDirB, 0);
     held->setGrainInfo(1, 44, kGrainSectors);
-    cache->setCachedTable(kDirA, 2, table(4).get());
-    cache->setCachedTable(kDirA, 3, table(5).get());
+    put(*cache, kDirA, 2, 4, false);
+    put(*cache, kDirA, 3, 5, false);
     EXPECT_EQ(writtenSectors(), std::vector<long long>{1});
     held = nullptr;
     EXPECT_EQ(writtenSectors(), (std::vector<long long>{1, 2}));
 
-    // A copy is the same cache.
-    CVMDKGrainTableCache copy(*cache);
-    copy.clear();
-    EXPECT_EQ(cache->getCachedTableCount(), 0);
+    // A limit of 0 drops each table as it is stored; a copy is the same cache.
+    kz::P<CVMDKGrainTableCache> none(new CVMDKGrainTableCache(0));
+    put(*none, kDirA, 0, 6);
+    EXPECT_EQ(writtenSectors(), (std::vector<long long>{1, 2, 6}));
+    CVMDKGrainTableCache(*cache).clear();
+    EXPECT_EQ(cache->getCachedTableCount() + none->getCachedTableCount(), 0);
 }
 
 TEST_F(CVMDKGrainTableCacheTest, FlushAndRemovalTouchOneDirectoryOnly) {
-    kz::P<CVMDKGrainTableCache> cache(new CVMDKGrainTableCache);
+    kz::P<CVMDKGrainTableCache> cache(new CVMDKGrainTableCache(3));
+    cache->setAutoEnforceLimit(false);
     for (long long index : {2, 0, 1}) {
-        cache->setCachedTable(kDirA, index, table(1 + index, true).get());
+        put(*cache, kDirA, index, 1 + index);
     }
-    cache->setCachedTable(kDirB, 0, table(8, true).get());
-    const std::vector<Key> before = useOrder(*cache);
+    put(*cache, kDirB, 0, 8);
 
     cache->flushCachedTablesFromDirectoryToStream(kDirA);
     EXPECT_EQ(writtenSectors(), (std::vector<long long>{1, 2, 3}));  // ascending table index
-    EXPECT_EQ(useOrder(*cache), before);
-    EXPECT_TRUE(cache->getCachedTable(kDirB, 0)->hasUnflushedChanges());
-
     cache->removeCachedTablesFromDirectory(kDirA);
     EXPECT_EQ(cache->getCachedTableCount(), 1);
     EXPECT_EQ(cache->getCachedTable(kDirA, 1), nullptr);
-    EXPECT_EQ(writtenSectors().size(), 3u);  // clean tables, nothing more to write
-    cache = nullptr;                         // the last copy drops B's table, which writes itself
-    EXPECT_EQ(writtenSectors(), (std::vector<long long>{1, 2, 3, 8}));
-}
+    EXPECT_EQ(writtenSectors().size(), 3u);
+    EXPECT_TRUE(cache->getCachedTable(kDirB, 0)->hasUnflushedChanges());
 
-TEST_F(CVMDKGrainTableCacheTest, EnforcementOffKeepsDirtyTablesUntilSwitchedBack) {
-    kz::P<CVMDKGrainTableCache> cache(new CVMDKGrainTableCache(1));
-    cache->setAutoEnforceLimit(false);
-    for (long long index = 0; index < 3; ++index) {
-        cache->setCachedTable(kDirA, index, table(1 + index, true).get());
+    // Without enforcement nothing left; switched back on, the oldest goes and writes itself.
+    for (long long index : {0, 1, 2}) {
+        put(*cache, kDirA, index, 1 + index, false);
     }
-    EXPECT_EQ(cache->getCachedTableCount(), 3);
-    EXPECT_TRUE(stream->writes.empty());
     cache->setAutoEnforceLimit(true);
-    EXPECT_EQ(writtenSectors(), (std::vector<long long>{1, 2}));  // oldest first
-    EXPECT_EQ(cache->getCachedTableCount(), 1);
-
-    kz::P<CVMDKGrainTableCache> none(new CVMDKGrainTableCache(0));
-    kz::P<CVMDKGrainTable> held = table(6, true);
-    none->setCachedTable(kDirA, 0, held.get());
-    EXPECT_EQ(none->getCachedTableCount(), 0);
-    EXPECT_TRUE(held->hasUnflushedChanges());
+    EXPECT_EQ(writtenSectors(), (std::vector<long long>{1, 2, 3, 8}));
+    EXPECT_EQ(cache->getCachedTableCount(), 3);
 }
 
 }  // namespace
