@@ -1,6 +1,7 @@
 #include "grain/CVMDKGrainTable.h"
 
 #include "foundation/kz/CError.h"
+#include "foundation/kz/CIOError.h"
 #include "foundation/kz/CInvalidArgError.h"
 #include "foundation/kz/Log.h"
 #include "grain/VMDKEntryArrays.h"
@@ -27,6 +28,9 @@ CVMDKGrainTable::CVMDKGrainTable(kz::IIOStream* stream, kz::IIOStream::Access ac
                                    "Invalid grain count: " + kz::String::number(grainCount),
                                    kz::CProps().add("uri", getURIText()));
     }
+    if (access == kz::IIOStream::AccessReadWrite) {
+        checkRedundantTableInFile();
+    }
     readVMDKEntries(*stream, posSectors, grainCount, entries);
     if (slotSizeTablePosSectors > 0) {
         readVMDKEntries(*stream, slotSizeTablePosSectors, grainCount, slotSizes);
@@ -43,6 +47,23 @@ CVMDKGrainTable::~CVMDKGrainTable() {
 
 kz::String CVMDKGrainTable::getURIText() {
     return stream->getURI().toString(true);
+}
+
+void CVMDKGrainTable::checkRedundantTableInFile() {
+    // The redundant copy is only ever written. In a file this library made it lies inside the
+    // file like every table; a corrupt entry must not make a flush write far behind the end and
+    // grow the file by that much.
+    if (redundantPosSectors <= 0) {
+        return;
+    }
+    const long long redundantPosBytes = vmdkSectorsToBytesSaturated(redundantPosSectors);
+    if (redundantPosBytes > stream->getLength() - grainCount * 4LL) {
+        throw kz::CIOError(kz::CIOError::CorruptFormat,
+                           "VMDK redundant grain table lies beyond the end of the file "
+                           "(position: " +
+                               kz::String::number(redundantPosSectors) + " sectors).",
+                           kz::CProps().add("uri", getURIText()));
+    }
 }
 
 void CVMDKGrainTable::checkGrainIndex(const char* where, long long grainIndex) {

@@ -52,7 +52,8 @@ public:
     // Stores its arguments and reads the grain table and, if `slotSizeTablePosSectors` is above
     // 0, the slot-size table; the redundant copy is never read. A short file fails with the
     // stream's own error (kz::CIOError code 4). `grainCount` from 0 to kMaxGrainCount, else
-    // kz::CInvalidArgError.
+    // kz::CInvalidArgError. A writable table whose redundant copy would lie behind the end of
+    // the file throws kz::CIOError code 5 before reading, since a flush would write there.
     CVMDKGrainTable(kz::IIOStream* stream, kz::IIOStream::Access access, long long grainSizeSectors,
                     long long posSectors, long long redundantPosSectors,
                     long long slotSizeTablePosSectors, int grainCount);
@@ -87,6 +88,7 @@ public:
 private:
     void checkGrainIndex(const char* where, long long grainIndex);
     void checkEntryWidths(long long posSectors, long long slotSizeSectors);
+    void checkRedundantTableInFile();
     kz::String getURIText();
 
     kz::P<kz::IIOStream> stream;

@@ -71,9 +71,19 @@ TEST_F(CVMDKGrainTableTest, ReadsEntriesWithinItsBounds) {
     open(false)->getGrainInfo(1, pos, slot);
     EXPECT_EQ(slot, kGrainSectors);
 
-    // A table behind the end of the file fails in the stream's own read.
+    // A table behind the end of the file fails in the stream's own read; a writable one whose
+    // redundant copy lies there, which a flush would write, is refused before it is read.
     EXPECT_THROW(CVMDKGrainTable(stream.get(), kz::IIOStream::AccessRead, 1, 4, 0, 0, 1),
                  kz::CIOError);
+    try {
+        CVMDKGrainTable(stream.get(), kz::IIOStream::AccessReadWrite, 1, kTable, 4, 0, kGrains);
+        FAIL();
+    } catch (const kz::CIOError& error) {
+        EXPECT_EQ(error.getMessage(),
+                  "VMDK redundant grain table lies beyond the end of the file (position: 4 "
+                  "sectors).");
+    }
+    EXPECT_NO_THROW(CVMDKGrainTable(stream.get(), kz::IIOStream::AccessRead, 1, kTable, 4, 0, 8));
 }
 
 TEST_F(CVMDKGrainTableTest, SetGrainInfoChecksInOrderBeforeAnyChange) {
