@@ -1,19 +1,20 @@
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
 #include "grain/CVMDKGrainDirectory.h"
-#include "grain/CVMDKGrainTable.h"
-#include "grain/CVMDKGrainTableCache.h"
 
-#include "tests/support/CLogCapture.h"
-#include "tests/support/CRecordingStream.h"
-#include "tests/support/GrainMetadataLayout.h"
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <stdexcept>
 #include <tuple>
 #include <vector>
+
+#include "foundation/kz/CError.h"
+#include "foundation/kz/CIOError.h"
+#include "foundation/kz/CInvalidArgError.h"
+#include "grain/CVMDKGrainTable.h"
+#include "grain/CVMDKGrainTableCache.h"
+#include "tests/support/CLogCapture.h"
+#include "tests/support/CRecordingStream.h"
+#include "tests/support/GrainMetadataLayout.h"
 
 namespace {
 

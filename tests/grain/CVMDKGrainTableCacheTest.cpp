@@ -1,10 +1,11 @@
-#include "grain/CVMDKGrainTable.h"
 #include "grain/CVMDKGrainTableCache.h"
 
-#include "tests/support/CRecordingStream.h"
 #include <gtest/gtest.h>
 
 #include <vector>
+
+#include "grain/CVMDKGrainTable.h"
+#include "tests/support/CRecordingStream.h"
 
 namespace {
 

@@ -1,14 +1,15 @@
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
 #include "grain/CVMDKGrainTable.h"
 
-#include "tests/support/CLogCapture.h"
-#include "tests/support/CRecordingStream.h"
-#include "tests/support/GrainMetadataLayout.h"
 #include <gtest/gtest.h>
 
 #include <vector>
+
+#include "foundation/kz/CError.h"
+#include "foundation/kz/CIOError.h"
+#include "foundation/kz/CInvalidArgError.h"
+#include "tests/support/CLogCapture.h"
+#include "tests/support/CRecordingStream.h"
+#include "tests/support/GrainMetadataLayout.h"
 
 namespace {
 
