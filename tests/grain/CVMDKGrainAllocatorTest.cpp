@@ -1,0 +1,174 @@
+#include "foundation/kz/CError.h"
+#include "foundation/kz/CInvalidArgError.h"
+#include "grain/CVMDKGrainAllocator.h"
+#include "grain/CVMDKGrainDirectory.h"
+#include "grain/CVMDKGrainTableCache.h"
+
+#include "tests/support/CLogCapture.h"
+#include "tests/support/CRecordingStream.h"
+#include "tests/support/GrainMetadataLayout.h"
+#include <gtest/gtest.h>
+
+namespace {
+
+using harl::CVMDKGrainAllocator;
+using harltest::CRecordingStream;
+
+constexpr long long kGrainSectors = 8;
+constexpr long long kGrainBytes = kGrainSectors * 512;
+
+// An extent of two tables of 16 grains with its metadata from sector 1, ending off a grain
+// boundary, and optionally a trail behind it.
+class CVMDKGrainAllocatorTest : public ::testing::Test {
+protected:
+    void makeExtent(bool compressed, const std::vector<unsigned char>& trail = {}) {
+        stream = kz::P<CRecordingStream>(new CRecordingStream(kz::CURI("file:///x.vmdk")));
+        stream->setLength(512);
+        harltest::CGrainMetadataOptions options;
+        options.tableCount = 2;
+        options.grainsPerTable = 16;
+        options.slotSizes = compressed;
+        layout = harltest::layOutGrainMetadata(*stream, options);
+        metadataEnd = stream->getLength();
+        stream->seek(metadataEnd);
+        stream->write(trail.data(), static_cast<int>(trail.size()), nullptr);
+        directory = kz::P<harl::CVMDKGrainDirectory>(new harl::CVMDKGrainDirectory(
+            stream.get(), kz::IIOStream::AccessReadWrite, layout.directorySectors,
+            layout.redundantDirectorySectors, 32 * kGrainSectors, kGrainSectors, 16, compressed,
+            cache.get()));
+        stream->writes.clear();
+    }
+
+    kz::P<CVMDKGrainAllocator> makeAllocator(bool compressed,
+                                             const std::vector<unsigned char>& trail,
+                                             kz::IIOStream::Access access) {
+        kz::TBuffer<unsigned char> trailData;
+        trailData.assign(trail.data(), trail.size());
+        return kz::P<CVMDKGrainAllocator>(
+            new CVMDKGrainAllocator(stream.get(), access, kGrainSectors,
+                                    compressed ? 1 : kGrainSectors, directory.get(), trailData));
+    }
+
+    kz::P<harl::CVMDKGrainTableCache> cache{new harl::CVMDKGrainTableCache};
+    kz::P<CRecordingStream> stream;
+    harltest::CGrainMetadataLayout layout;
+    kz::P<harl::CVMDKGrainDirectory> directory;
+    long long metadataEnd = 0;
+};
+
+TEST_F(CVMDKGrainAllocatorTest, UncompressedSlotsStartOnGrainBoundaries) {
+    makeExtent(false);
+    kz::P<CVMDKGrainAllocator> allocator = makeAllocator(false, {}, kz::IIOStream::AccessReadWrite);
+    ASSERT_NE(metadataEnd % kGrainBytes, 0);
+    const std::vector<unsigned char> grain(kGrainBytes, 0x5a);
+    const long long first = allocator->allocNewGrain(3, grain.data(), kGrainBytes, kGrainSectors);
+    const long long alignedEnd = (metadataEnd + kGrainBytes - 1) / kGrainBytes * kGrainBytes;
+    EXPECT_EQ(first * 512, alignedEnd);
+    // The fill up to the boundary, then the grain; the next grain needs no fill.
+    ASSERT_EQ(stream->writes.size(), 2u);
+    EXPECT_EQ(stream->writes[0].sizeBytes, alignedEnd - metadataEnd);
+    stream->writes.clear();
+    const long long second = allocator->allocNewGrainKeepBuffer(
+        20, kz::TConstBufferSlice<unsigned char>(grain.data(), grain.size()), kGrainSectors);
+    EXPECT_EQ(second, first + kGrainSectors);
+    EXPECT_EQ(stream->writes.size(), 1u);
+
+    long long pos = 0;
+    long long slot = 0;
+    directory->getGrainInfo(3, pos, slot);
+    EXPECT_EQ(pos, first);
+    EXPECT_EQ(slot, kGrainSectors);
+    directory->getGrainInfo(20, pos, slot);
+    EXPECT_EQ(pos, second);
+}
+
+TEST_F(CVMDKGrainAllocatorTest, CompressedSlotsAreFilledWithZerosAndTheTrailMoves) {
+    std::vector<unsigned char> trail(1536);
+    for (size_t i = 0; i < trail.size(); ++i) {
+        trail[i] = static_cast<unsigned char>(i * 7);
+    }
+    makeExtent(true, trail);
+    kz::P<CVMDKGrainAllocator> allocator =
+        makeAllocator(true, trail, kz::IIOStream::AccessReadWrite);
+    EXPECT_EQ(allocator->getNextPosBytes(), metadataEnd);
+    EXPECT_FALSE(allocator->isTrailDirty());
+    allocator->flushChangesToStream();
+    EXPECT_TRUE(stream->writes.empty());
+
+    // A grain that fills its slot exactly needs no zeros; one byte less gets one zero byte.
+    const std::vector<unsigned char> data(1024, 0xee);
+    allocator->allocNewGrain(0, data.data(), 1024, 2);
+    EXPECT_EQ(stream->writes.size(), 1u);
+    const long long second = allocator->allocNewGrain(1, data.data(), 1023, 2);
+    EXPECT_EQ(second * 512, metadataEnd + 1024);
+    EXPECT_EQ(stream->writes.back().sizeBytes, 1);
+    EXPECT_EQ(stream->getBuffer()[static_cast<size_t>(metadataEnd + 2047)], 0);
+
+    // A slot of more than twice a grain is zero-filled in several writes.
+    stream->writes.clear();
+    allocator->allocNewGrain(2, data.data(), 10, static_cast<int>(5 * kGrainSectors));
+    EXPECT_EQ(stream->writes.size(), 4u);
+
+    EXPECT_TRUE(allocator->isTrailDirty());
+    allocator->flushChangesToStream();
+    const long long end = metadataEnd + 2048 + 5 * kGrainBytes;
+    EXPECT_EQ(stream->getLength(), end + 1536);
+    EXPECT_EQ(stream->getBuffer()[static_cast<size_t>(end + 1)], trail[1]);
+    EXPECT_FALSE(allocator->isTrailDirty());
+}
+
+TEST_F(CVMDKGrainAllocatorTest, ForeignEndIsKeptAndATrailAppendedOnlyWhenWritable) {
+    const std::vector<unsigned char> trail(1536, 0x11);
+    const std::vector<unsigned char> other(1536, 0x22);
+    makeExtent(true, other);
+    harltest::CLogCapture log;
+    kz::P<CVMDKGrainAllocator> reader = makeAllocator(true, trail, kz::IIOStream::AccessRead);
+    EXPECT_FALSE(reader->isTrailDirty());
+    reader->flushChangesToStream();
+    EXPECT_TRUE(stream->writes.empty());
+
+    kz::P<CVMDKGrainAllocator> writer = makeAllocator(true, trail, kz::IIOStream::AccessReadWrite);
+    ASSERT_EQ(log.messages(kz::LogLevel::Warning).size(), 2u);
+    EXPECT_EQ(log.messages(kz::LogLevel::Warning)[0],
+              "VMDK trail data is not what we expected. Assuming that it is not trail data - we "
+              "won't overwrite it.");
+    EXPECT_EQ(writer->getNextPosBytes(), metadataEnd + 1536);
+    writer->flushChangesToStream();
+    EXPECT_EQ(stream->getLength(), metadataEnd + 3072);
+}
+
+TEST_F(CVMDKGrainAllocatorTest, RefusesBeforeChangingAnything) {
+    makeExtent(false);
+    kz::P<CVMDKGrainAllocator> reader = makeAllocator(false, {}, kz::IIOStream::AccessRead);
+    const std::vector<unsigned char> grain(kGrainBytes + 1, 1);
+    try {
+        reader->allocNewGrain(0, grain.data(), kGrainBytes + 1, kGrainSectors);
+        FAIL();
+    } catch (const kz::CInvalidArgError& error) {
+        EXPECT_EQ(error.getWhere(), "CVMDKGrainAllocator::allocNewGrain");
+        EXPECT_EQ(error.getMessage(),
+                  "Slot size is smaller than grain data size (slot size: 4096 bytes, grain data "
+                  "size: 4097 bytes)");
+    }
+    try {
+        reader->allocNewGrain(0, grain.data(), kGrainBytes, kGrainSectors);
+        FAIL();
+    } catch (const kz::CError& error) {
+        EXPECT_EQ(error.getMessage(),
+                  "Internal error: CVMDKGrainAllocator::allocNewGrain was called, but the grain "
+                  "allocator was not opened for writing.");
+    }
+    EXPECT_TRUE(stream->writes.empty());
+
+    // A failed write leaves the end of the data where it was and records nothing.
+    kz::P<CVMDKGrainAllocator> writer = makeAllocator(false, {}, kz::IIOStream::AccessReadWrite);
+    stream->failWritesFrom(1);
+    EXPECT_THROW(writer->allocNewGrain(0, grain.data(), kGrainBytes, kGrainSectors), kz::CError);
+    EXPECT_EQ(writer->getNextPosBytes(), metadataEnd);
+    long long pos = -1;
+    long long slot = -1;
+    directory->getGrainInfo(0, pos, slot);
+    EXPECT_EQ(pos, 0);
+}
+
+}  // namespace
