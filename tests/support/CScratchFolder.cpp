@@ -23,4 +23,9 @@ CScratchFolder::~CScratchFolder() {
     std::filesystem::remove_all(path, ignored);
 }
 
+kz::CURI CScratchFolder::uriOf(const std::string& name) const {
+    // Scratch paths hold no character that a URI would need to encode.
+    return kz::CURI(kz::String("file://" + file(name)));
+}
+
 }  // namespace harltest

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "foundation/kz/CURI.h"
+
 #include <string>
 
 namespace harltest {
@@ -18,6 +20,9 @@ public:
 
     // The path of `name` inside the folder.
     std::string file(const std::string& name) const { return path + "/" + name; }
+
+    // The "file:" URI of `name` inside the folder, as the library names files.
+    kz::CURI uriOf(const std::string& name) const;
 
 private:
     std::string path;
