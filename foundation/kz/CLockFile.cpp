@@ -1,0 +1,103 @@
+#include "foundation/kz/CLockFile.h"
+
+#include "foundation/kz/CFileSystemError.h"
+#include "foundation/kz/CInvalidArgError.h"
+#include "foundation/kz/CLockFileError.h"
+#include "foundation/kz/Log.h"
+
+namespace kz {
+
+namespace {
+
+// Each new try answers a deletion of the file by its last holder between our open and our
+// lock; that this happens three times in a row means something else deletes it.
+constexpr int kMaxAttempts = 3;
+
+}  // namespace
+
+CLockFile::CLockFile(IFileSystem* fileSystem, const CURI& uri, int type, bool keepFile,
+                     bool createIfMissing)
+    : fileSystem(fileSystem), uri(uri), type(type), keepFile(keepFile) {
+    if (fileSystem == nullptr || (type != Shared && type != Exclusive)) {
+        throw CInvalidArgError("CLockFile",
+                               "Needs a file system and a type of 1 (shared) or 2 (exclusive)",
+                               CProps().add("uri", uri.toString(true)).add("type", type));
+    }
+    for (int attempt = 1; !tryLock(createIfMissing); ++attempt) {
+        if (attempt == kMaxAttempts) {
+            throw CLockFileError("Cannot take the lock file: it is deleted each time it is taken",
+                                 CProps().add("uri", uri.toString(true)).add("type", type));
+        }
+    }
+}
+
+CLockFile::~CLockFile() {
+    try {
+        unlock();
+    } catch (const std::exception& error) {
+        onExceptionInDestructorIgnored("CLockFile", error, true);
+    }
+}
+
+P<IIOStream> CLockFile::openStream(bool createIfMissing) {
+    try {
+        if (!createIfMissing && !fileSystem->exists(uri)) {
+            throw CLockFileError("Cannot take the lock file: it does not exist",
+                                 CProps().add("uri", uri.toString(true)).add("type", type));
+        }
+        try {
+            writable = true;
+            return fileSystem->open(uri, IIOStream::AccessReadWrite, 0);
+        } catch (const CFileSystemError& error) {
+            // A reader on a read-only medium can still share a lock file that exists.
+            if (type != Shared || error.getProblem() != CFileSystemError::AccessDenied ||
+                !fileSystem->exists(uri)) {
+                throw;
+            }
+        }
+        writable = false;
+        return fileSystem->open(uri, IIOStream::AccessRead, 0);
+    } catch (const CLockFileError&) {
+        throw;
+    } catch (const CError&) {
+        throw CLockFileError("Cannot open the lock file", CProps().add("uri", uri.toString(true)),
+                             std::current_exception());
+    }
+}
+
+bool CLockFile::tryLock(bool createIfMissing) {
+    const P<IIOStream> candidate = openStream(createIfMissing);
+    bool locked;
+    try {
+        const auto lockType =
+            type == Exclusive ? IStreamBase::LockExclusive : IStreamBase::LockShared;
+        locked = candidate->lockRange(0, 1, lockType);
+        if (locked && !fileSystem->exists(uri)) {
+            candidate->close();
+            return false;
+        }
+    } catch (const CError&) {
+        throw CLockFileError("Cannot take the lock file", CProps().add("uri", uri.toString(true)),
+                             std::current_exception());
+    }
+    if (!locked) {
+        throw CLockFileError("Cannot take the lock file: another user holds it",
+                             CProps().add("uri", uri.toString(true)).add("type", type));
+    }
+    stream = candidate;
+    return true;
+}
+
+void CLockFile::unlock() {
+    if (!stream) {
+        return;
+    }
+    // Dropping the reference closes the stream even when a step below throws.
+    const P<IIOStream> holding = std::move(stream);
+    if (!keepFile && writable && holding->lockRange(0, 1, IStreamBase::LockExclusive)) {
+        fileSystem->deleteFile(uri, true);
+    }
+    holding->close();
+}
+
+}  // namespace kz

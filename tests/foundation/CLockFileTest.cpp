@@ -1,0 +1,111 @@
+#include "foundation/kz/CFileSystemError.h"
+#include "foundation/kz/CLocalFileSystem.h"
+#include "foundation/kz/CLockFile.h"
+#include "foundation/kz/CLockFileError.h"
+#include "foundation/kz/CMemoryFileSystem.h"
+
+#include "tests/support/CScratchFolder.h"
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+using kz::CLockFile;
+using kz::P;
+
+// What taking the lock throws, or a default error when it succeeds.
+kz::CLockFileError lockError(kz::IFileSystem* fs, const kz::CURI& uri, int type) {
+    try {
+        P<CLockFile> lock(new CLockFile(fs, uri, type));
+    } catch (const kz::CLockFileError& error) {
+        return error;
+    }
+    ADD_FAILURE() << "the lock was taken";
+    return kz::CLockFileError("none");
+}
+
+// Forks a process that takes the lock and lets it go: 0 when it got it, 1 on CLockFileError.
+int lockInChild(const kz::CURI& uri, int type) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        int status = 0;
+        try {
+            P<CLockFile> lock(new CLockFile(new kz::CLocalFileSystem, uri, type));
+        } catch (const kz::CLockFileError&) {
+            status = 1;
+        } catch (...) {
+            status = 2;
+        }
+        ::_exit(status);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(CLockFileTest, ReadersShareAndAWriterExcludes) {
+    P<kz::CMemoryFileSystem> fs(new kz::CMemoryFileSystem);
+    const kz::CURI uri("mem:///disk.vmdk.lock");
+    P<CLockFile> first(new CLockFile(fs.get(), uri, 1));
+    P<CLockFile> second(new CLockFile(fs.get(), uri, 1));
+    EXPECT_TRUE(fs->exists(uri));
+
+    const kz::CLockFileError error = lockError(fs.get(), uri, 2);
+    EXPECT_EQ(error.getMessage(), "Cannot take the lock file: another user holds it");
+    ASSERT_EQ(error.getProps().getCount(), 2u);
+    EXPECT_EQ(error.getProps().getKey(0), "uri");
+    EXPECT_EQ(error.getProps().getValue(0), uri.toString(true));
+
+    // The file goes with the last holder.
+    first.reset();
+    EXPECT_TRUE(fs->exists(uri));
+    second.reset();
+    EXPECT_FALSE(fs->exists(uri));
+
+    P<CLockFile> writer(new CLockFile(fs.get(), uri, 2, true));
+    lockError(fs.get(), uri, 1);
+    lockError(fs.get(), uri, 2);
+    writer.reset();
+    EXPECT_TRUE(fs->exists(uri));  // kept on request
+
+    fs->deleteFile(uri, false);
+    EXPECT_THROW(CLockFile(fs.get(), uri, 1, false, false), kz::CLockFileError);
+    EXPECT_FALSE(fs->exists(uri));
+    EXPECT_THROW(CLockFile(fs.get(), uri, 3), kz::CInvalidArgError);
+}
+
+TEST(CLockFileTest, OnAReadOnlyMediumOnlyReadersOfAnExistingFileLock) {
+    P<kz::CMemoryFileSystem> fs(new kz::CMemoryFileSystem);
+    const kz::CURI uri("mem:///disk.vmdk.lock");
+    fs->open(uri, kz::IIOStream::AccessReadWrite, 0);
+    fs->setReadOnly(true);
+    P<CLockFile> reader(new CLockFile(fs.get(), uri, 1));
+    const kz::CLockFileError error = lockError(fs.get(), uri, 2);
+    EXPECT_EQ(error.getMessage(), "Cannot open the lock file");
+    EXPECT_NE(error.getCauseText().find("read-only"), std::string::npos);
+    lockError(fs.get(), kz::CURI("mem:///other.lock"), 1);
+    reader.reset();
+    EXPECT_TRUE(fs->exists(uri));
+}
+
+TEST(CLockFileTest, ContendsWithAnotherProcess) {
+    harltest::CScratchFolder folder;
+    const kz::CURI uri = folder.uriOf("disk.vmdk.lock");
+    P<kz::IFileSystem> fs(new kz::CLocalFileSystem);
+    P<CLockFile> reader(new CLockFile(fs.get(), uri, 1));
+    EXPECT_EQ(lockInChild(uri, 1), 0);
+    EXPECT_EQ(lockInChild(uri, 2), 1);
+    EXPECT_TRUE(fs->exists(uri));  // the child left the file to the parent
+    reader.reset();
+    EXPECT_FALSE(fs->exists(uri));
+
+    P<CLockFile> writer(new CLockFile(fs.get(), uri, 2));
+    EXPECT_EQ(lockInChild(uri, 1), 1);
+    writer.reset();
+    EXPECT_EQ(lockInChild(uri, 2), 0);
+    EXPECT_FALSE(fs->exists(uri));
+}
+
+}  // namespace
