@@ -1,0 +1,86 @@
+#include "foundation/kz/CFaultInjectingFileSystem.h"
+#include "foundation/kz/CFileSystemError.h"
+#include "foundation/kz/CMemoryFileSystem.h"
+#include "foundation/kz/COptimizingIOStream.h"
+
+#include "tests/support/CLogCapture.h"
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using kz::IIOStream;
+using kz::P;
+
+const kz::CURI kFile("mem:///disk");
+
+TEST(CFaultInjectingFileSystemTest, FailsTheNamedOperationOnceOrForGood) {
+    P<kz::CMemoryFileSystem> memory(new kz::CMemoryFileSystem);
+    P<kz::CFaultInjectingFileSystem> fs(new kz::CFaultInjectingFileSystem(memory.get()));
+    fs->failOperation(2, false);
+    P<IIOStream> stream = fs->open(kFile, IIOStream::AccessReadWrite, 0);
+    try {
+        stream->write("ab", 2, nullptr);
+        ADD_FAILURE() << "the second operation went through";
+    } catch (const kz::CFileSystemError& error) {
+        EXPECT_EQ(error.getProblem(), kz::CFileSystemError::Other);
+        EXPECT_EQ(error.getMessage(), "Injected fault");
+        EXPECT_EQ(error.getProps().get("operation"), "2");
+    }
+    EXPECT_TRUE(fs->hasFailed());
+    EXPECT_EQ(stream->getLength(), 0);  // the failed write never reached the file
+    stream->write("ab", 2, nullptr);
+    EXPECT_EQ(fs->getOperationCount(), 3);
+
+    fs->failOperation(1, true);
+    EXPECT_THROW(stream->flush(), kz::CFileSystemError);
+    EXPECT_THROW(fs->deleteFile(kFile, true), kz::CFileSystemError);
+    EXPECT_TRUE(fs->exists(kFile));
+    fs->failOperation(0, false);
+    fs->deleteFile(kFile, true);
+}
+
+// The pattern of the fault tests: fail each operation of a write path in turn, cut the power,
+// and check that what was flushed before the failure survived.
+TEST(CFaultInjectingFileSystemTest, APowerCutAtEveryStepKeepsFlushedData) {
+    const std::string before(100, 'o'), after(100, 'n');
+    harltest::CLogCapture log;  // a dropped stream reports the write-back it could not do
+    bool completed = false;
+    for (int n = 1; !completed; ++n) {
+        P<kz::CMemoryFileSystem> memory(new kz::CMemoryFileSystem(true));
+        P<kz::CFaultInjectingFileSystem> fs(new kz::CFaultInjectingFileSystem(memory.get()));
+        P<IIOStream> setup = memory->open(kFile, IIOStream::AccessReadWrite, 0);
+        setup->write(before.data(), 100, nullptr);
+        setup->flush();
+        setup.reset();
+
+        fs->failOperation(n, true);
+        bool flushedHalf = false;
+        try {
+            P<kz::COptimizingIOStream> stream(
+                new kz::COptimizingIOStream(fs->open(kFile, IIOStream::AccessReadWrite, 0).get()));
+            stream->write(after.data(), 50, nullptr);
+            stream->flush();
+            flushedHalf = true;
+            stream->write(after.data() + 50, 50, nullptr);
+            stream->close();
+            completed = true;
+        } catch (const kz::CFileSystemError&) {
+            EXPECT_TRUE(fs->hasFailed());
+        }
+        for (const auto& line : log.getLines()) {
+            EXPECT_TRUE(line.message.startsWith("Exception in destructor of")) << line.message;
+        }
+        memory->dropUnflushedWrites();
+        auto& bytes = memory->getFile(kFile)->getContent();
+        const std::string content(bytes.getData(), bytes.getData() + bytes.getUsed());
+        if (completed) {
+            EXPECT_EQ(content, after);
+        } else {
+            EXPECT_EQ(content, flushedHalf ? after.substr(0, 50) + before.substr(50) : before) << n;
+        }
+    }
+}
+
+}  // namespace
