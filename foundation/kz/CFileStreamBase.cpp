@@ -1,13 +1,13 @@
 #include "foundation/kz/CFileStreamBase.h"
 
+#include <algorithm>
+#include <climits>
+
 #include "foundation/kz/CDummyWriteBarrier.h"
 #include "foundation/kz/CFileSystemError.h"
 #include "foundation/kz/CIOError.h"
 #include "foundation/kz/CInvalidArgError.h"
 #include "foundation/kz/Log.h"
-
-#include <algorithm>
-#include <climits>
 
 namespace kz {
 

@@ -1,10 +1,10 @@
 #pragma once
 
+#include <vector>
+
 #include "foundation/kz/CBase.h"
 #include "foundation/kz/IStreamBase.h"
 #include "foundation/kz/TBuffer.h"
-
-#include <vector>
 
 namespace kz {
 

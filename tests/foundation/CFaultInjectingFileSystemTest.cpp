@@ -1,12 +1,13 @@
 #include "foundation/kz/CFaultInjectingFileSystem.h"
-#include "foundation/kz/CFileSystemError.h"
-#include "foundation/kz/CMemoryFileSystem.h"
-#include "foundation/kz/COptimizingIOStream.h"
 
-#include "tests/support/CLogCapture.h"
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "foundation/kz/CFileSystemError.h"
+#include "foundation/kz/CMemoryFileSystem.h"
+#include "foundation/kz/COptimizingIOStream.h"
+#include "tests/support/CLogCapture.h"
 
 namespace {
 

@@ -1,12 +1,13 @@
 #include "foundation/kz/CLocalFileSystem.h"
 
-#include "tests/support/CScratchFolder.h"
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "tests/support/CScratchFolder.h"
 
 namespace {
 
@@ -34,7 +35,7 @@ TEST(CLocalFileSystemTest, TakesOnlyLocalFileURIsWithTheirDecodedPath) {
     }
     const kz::CURI spaced(kz::String("file://localhost" + folder.getPath() + "/a%20b%C3%A4"));
     fs->open(spaced, IIOStream::AccessReadWrite, 0)->write("x", 1, nullptr);
-    EXPECT_TRUE(std::filesystem::exists(folder.pathOf("a b\xC3\xA4")));
+    EXPECT_TRUE(std::filesystem::exists(folder.file("a b\xC3\xA4")));
     EXPECT_TRUE(fs->exists(spaced));
 }
 
@@ -58,7 +59,7 @@ TEST(CLocalFileSystemTest, ReportsTheSystemsErrorWithTheURI) {
 
     if (::geteuid() != 0) {  // root may write anything
         fs->open(folder.uriOf("ro"), IIOStream::AccessReadWrite, 0);
-        ::chmod(folder.pathOf("ro").c_str(), 0444);
+        ::chmod(folder.file("ro").c_str(), 0444);
         EXPECT_EQ(failureOf([&] {
                       fs->open(folder.uriOf("ro"), IIOStream::AccessReadWrite, 0);
                   }).getProblem(),

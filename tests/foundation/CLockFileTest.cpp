@@ -1,14 +1,15 @@
-#include "foundation/kz/CFileSystemError.h"
-#include "foundation/kz/CLocalFileSystem.h"
 #include "foundation/kz/CLockFile.h"
-#include "foundation/kz/CLockFileError.h"
-#include "foundation/kz/CMemoryFileSystem.h"
 
-#include "tests/support/CScratchFolder.h"
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "foundation/kz/CFileSystemError.h"
+#include "foundation/kz/CLocalFileSystem.h"
+#include "foundation/kz/CLockFileError.h"
+#include "foundation/kz/CMemoryFileSystem.h"
+#include "tests/support/CScratchFolder.h"
 
 namespace {
 

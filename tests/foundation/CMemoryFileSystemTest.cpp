@@ -1,9 +1,10 @@
-#include "foundation/kz/CFileSystemError.h"
 #include "foundation/kz/CMemoryFileSystem.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "foundation/kz/CFileSystemError.h"
 
 namespace {
 

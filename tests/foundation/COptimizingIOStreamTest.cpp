@@ -1,6 +1,3 @@
-#include "foundation/kz/CBufferStream.h"
-#include "foundation/kz/CFileSystemError.h"
-#include "foundation/kz/CIOError.h"
 #include "foundation/kz/COptimizingIOStream.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +5,10 @@
 #include <algorithm>
 #include <random>
 #include <vector>
+
+#include "foundation/kz/CBufferStream.h"
+#include "foundation/kz/CFileSystemError.h"
+#include "foundation/kz/CIOError.h"
 
 namespace {
 

@@ -1,16 +1,17 @@
 // One suite over every file system: the host's and the one in memory must behave alike.
+#include "foundation/kz/IFileSystem.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
 #include "foundation/kz/CFileSystemError.h"
 #include "foundation/kz/CIOError.h"
 #include "foundation/kz/CInvalidArgError.h"
 #include "foundation/kz/CLocalFileSystem.h"
 #include "foundation/kz/CMemoryFileSystem.h"
-#include "foundation/kz/IFileSystem.h"
-
 #include "tests/support/CScratchFolder.h"
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
 
 namespace {
 

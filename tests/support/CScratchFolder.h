@@ -1,8 +1,8 @@
 #pragma once
 
-#include "foundation/kz/CURI.h"
-
 #include <string>
+
+#include "foundation/kz/CURI.h"
 
 namespace harltest {
 
