@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 #include "foundation/kz/CFileSystemError.h"
@@ -18,147 +17,118 @@ namespace {
 using kz::CFileSystemError;
 using kz::CIOError;
 using kz::IIOStream;
+using kz::IStreamBase;
 using kz::P;
 
 struct CLocal {
     harltest::CScratchFolder folder;
-    P<kz::IFileSystem> fileSystem{new kz::CLocalFileSystem};
-
-    kz::CURI uriOf(const std::string& name) const { return folder.uriOf(name); }
+    P<kz::IFileSystem> fs{new kz::CLocalFileSystem};
+    kz::CURI uri = folder.uriOf("a");
 };
 
 struct CMemory {
-    P<kz::IFileSystem> fileSystem{new kz::CMemoryFileSystem};
-
-    kz::CURI uriOf(const std::string& name) const { return kz::CURI("mem:///t/" + name); }
+    P<kz::IFileSystem> fs{new kz::CMemoryFileSystem};
+    kz::CURI uri{"mem:///t/a"};
 };
+
+// The problem of a CFileSystemError or the code of a CIOError that `call` throws; -1 when
+// nothing is thrown. A CFileSystemError must name the file.
+template <class F>
+int failureOf(F call, const kz::CURI& uri) {
+    try {
+        call();
+    } catch (const CFileSystemError& error) {
+        EXPECT_EQ(error.getProps().get("uri"), uri.toString(true));
+        return error.getProblem();
+    } catch (const CIOError& error) {
+        return error.getCode();
+    }
+    return -1;
+}
+
+std::string readText(IIOStream& stream, int size) {
+    std::string text(static_cast<size_t>(size), '?');
+    text.resize(static_cast<size_t>(stream.readLax(text.data(), size)));
+    return text;
+}
 
 template <class Kind>
 class IFileSystemTest : public ::testing::Test {
 protected:
-    P<IIOStream> open(const std::string& name, IIOStream::Access access) {
-        return kind.fileSystem->open(kind.uriOf(name), access, 0);
-    }
+    P<IIOStream> open(IIOStream::Access access) { return k.fs->open(k.uri, access, 0); }
 
-    void writeText(IIOStream* stream, const std::string& text) {
-        stream->write(text.data(), static_cast<int>(text.size()), nullptr);
-    }
-
-    std::string readText(IIOStream* stream, int size) {
-        std::string text(static_cast<size_t>(size), '?');
-        text.resize(static_cast<size_t>(stream->readLax(text.data(), size)));
-        return text;
-    }
-
-    template <class F>
-    CFileSystemError::Problem problemOf(F call) {
-        try {
-            call();
-        } catch (const CFileSystemError& error) {
-            EXPECT_EQ(error.getProps().get("uri"), kind.uriOf("a").toString(true));
-            return error.getProblem();
-        }
-        ADD_FAILURE() << "no CFileSystemError";
-        return CFileSystemError::Other;
-    }
-
-    template <class F>
-    int ioCodeOf(F call) {
-        try {
-            call();
-        } catch (const CIOError& error) {
-            return error.getCode();
-        }
-        return 0;
-    }
-
-    Kind kind;
-    kz::IFileSystem& fs = *kind.fileSystem;
+    Kind k;
 };
 
 using Kinds = ::testing::Types<CLocal, CMemory>;
 TYPED_TEST_SUITE(IFileSystemTest, Kinds);
 
 TYPED_TEST(IFileSystemTest, OpensMissingFilesOnlyForWriting) {
-    const kz::CURI uri = this->kind.uriOf("a");
-    EXPECT_FALSE(this->fs.exists(uri));
-    EXPECT_EQ(this->problemOf([&] { this->open("a", IIOStream::AccessRead); }),
+    auto& k = this->k;
+    EXPECT_EQ(failureOf([&] { this->open(IIOStream::AccessRead); }, k.uri),
               CFileSystemError::NotFound);
-    EXPECT_FALSE(this->fs.exists(uri));
-
-    P<IIOStream> created = this->open("a", IIOStream::AccessReadWrite);
-    EXPECT_TRUE(this->fs.exists(uri));
+    EXPECT_FALSE(k.fs->exists(k.uri));
+    P<IIOStream> created = this->open(IIOStream::AccessReadWrite);
+    EXPECT_TRUE(k.fs->exists(k.uri));
     EXPECT_EQ(created->getLength(), 0);
-    EXPECT_EQ(created->getPosition(), 0);
-    EXPECT_EQ(created->getURI(), uri);
-    this->writeText(created.get(), "kept");
+    EXPECT_EQ(created->getURI(), k.uri);
+    created->write("kept", 4, nullptr);
     created->close();
-
-    // Opening again for writing keeps the content.
-    P<IIOStream> reopened = this->open("a", IIOStream::AccessReadWrite);
-    EXPECT_EQ(this->readText(reopened.get(), 10), "kept");
-    EXPECT_THROW(this->fs.open(uri, IIOStream::AccessRead, 1), kz::CInvalidArgError);
+    EXPECT_EQ(readText(*this->open(IIOStream::AccessReadWrite), 10), "kept");
+    EXPECT_THROW(k.fs->open(k.uri, IIOStream::AccessRead, 1), kz::CInvalidArgError);
 }
 
 TYPED_TEST(IFileSystemTest, ReadsWritesSeeksAndSetsLength) {
-    P<IIOStream> stream = this->open("a", IIOStream::AccessReadWrite);
-    this->writeText(stream.get(), "0123456789");
+    P<IIOStream> stream = this->open(IIOStream::AccessReadWrite);
+    stream->write("0123456789", 10, nullptr);
     EXPECT_EQ(stream->getPosition(), 10);
     stream->seek(20);
-    this->writeText(stream.get(), "xy");
+    stream->write("xy", 2, nullptr);
     EXPECT_EQ(stream->getLength(), 22);
-
-    // A write behind the end leaves a hole of zeros.
-    stream->seek(8);
-    EXPECT_EQ(this->readText(stream.get(), 100), std::string("89") + std::string(10, '\0') + "xy");
+    stream->seek(8);  // the hole behind the old end reads as zeros
+    EXPECT_EQ(readText(*stream, 100), std::string("89") + std::string(10, '\0') + "xy");
     EXPECT_TRUE(stream->isEndOfStream());
 
     stream->seek(5);
     stream->setLength(7);
     EXPECT_EQ(stream->getPosition(), 5);
-    EXPECT_EQ(this->readText(stream.get(), 100), "56");
+    EXPECT_EQ(readText(*stream, 100), "56");
     stream->setLength(9);
     stream->seek(5);
-    EXPECT_EQ(this->readText(stream.get(), 100), std::string("56") + std::string(2, '\0'));
+    EXPECT_EQ(readText(*stream, 100), std::string("56") + std::string(2, '\0'));
     stream->flush();
 
-    // read() wants every byte; readLax takes what is there.
     char bytes[8];
     stream->seek(6);
-    EXPECT_EQ(this->ioCodeOf([&] { stream->read(bytes, 4); }), CIOError::EndOfData);
+    EXPECT_EQ(failureOf([&] { stream->read(bytes, 4); }, {}), CIOError::EndOfData);
     stream->seek(100);
     EXPECT_EQ(stream->readLax(bytes, 4), 0);
-    EXPECT_EQ(this->ioCodeOf([&] { stream->seek(-1); }), CIOError::BadSeek);
+    EXPECT_EQ(failureOf([&] { stream->seek(-1); }, {}), CIOError::BadSeek);
     EXPECT_THROW(stream->setLength(-1), kz::CInvalidArgError);
-    EXPECT_THROW(stream->read(bytes, -1), kz::CInvalidArgError);
+    EXPECT_THROW(stream->lockRange(-1, 1, IStreamBase::LockShared), kz::CInvalidArgError);
 }
 
 TYPED_TEST(IFileSystemTest, ReadOnlyAndClosedStreamsRefuse) {
-    this->writeText(this->open("a", IIOStream::AccessReadWrite).get(), "abc");
-    P<IIOStream> reader = this->open("a", IIOStream::AccessRead);
-    EXPECT_EQ(this->problemOf([&] { this->writeText(reader.get(), "x"); }),
-              CFileSystemError::AccessDenied);
-    EXPECT_EQ(this->problemOf([&] { reader->setLength(0); }), CFileSystemError::AccessDenied);
-    EXPECT_EQ(this->problemOf([&] { reader->lockRange(0, 1, kz::IStreamBase::LockExclusive); }),
-              CFileSystemError::AccessDenied);
+    const kz::CURI& uri = this->k.uri;
+    this->open(IIOStream::AccessReadWrite)->write("abc", 3, nullptr);
+    P<IIOStream> reader = this->open(IIOStream::AccessRead);
+    const int denied = CFileSystemError::AccessDenied;
+    EXPECT_EQ(failureOf([&] { reader->write("x", 1, nullptr); }, uri), denied);
+    EXPECT_EQ(failureOf([&] { reader->setLength(0); }, uri), denied);
+    EXPECT_EQ(failureOf([&] { reader->lockRange(0, 1, IStreamBase::LockExclusive); }, uri), denied);
     reader->flush();
-    EXPECT_EQ(this->readText(reader.get(), 10), "abc");
-
+    EXPECT_EQ(readText(*reader, 10), "abc");
     reader->close();
     reader->close();
-    char byte;
-    EXPECT_EQ(this->ioCodeOf([&] { reader->readLax(&byte, 1); }), CIOError::StreamClosed);
-    EXPECT_EQ(this->ioCodeOf([&] { reader->getLength(); }), CIOError::StreamClosed);
-    EXPECT_EQ(this->ioCodeOf([&] { reader->seek(0); }), CIOError::StreamClosed);
+    EXPECT_EQ(failureOf([&] { readText(*reader, 1); }, uri), CIOError::StreamClosed);
+    EXPECT_EQ(failureOf([&] { reader->getLength(); }, uri), CIOError::StreamClosed);
 }
 
 TYPED_TEST(IFileSystemTest, TwoStreamsShareBytesAndConflictInLocks) {
-    using kz::IStreamBase;
-    P<IIOStream> a = this->open("a", IIOStream::AccessReadWrite);
-    P<IIOStream> b = this->open("a", IIOStream::AccessReadWrite);
-    this->writeText(a.get(), "hello");
-    EXPECT_EQ(b->getLength(), 5);
-    EXPECT_EQ(this->readText(b.get(), 5), "hello");
+    P<IIOStream> a = this->open(IIOStream::AccessReadWrite);
+    P<IIOStream> b = this->open(IIOStream::AccessReadWrite);
+    a->write("hello", 5, nullptr);
+    EXPECT_EQ(readText(*b, 10), "hello");
     EXPECT_EQ(a->getPosition(), 5);
 
     EXPECT_TRUE(a->lockRange(0, 1, IStreamBase::LockShared));
@@ -169,25 +139,22 @@ TYPED_TEST(IFileSystemTest, TwoStreamsShareBytesAndConflictInLocks) {
     EXPECT_TRUE(a->lockRange(0, 1, IStreamBase::Unlock));
     EXPECT_TRUE(b->lockRange(0, 1, IStreamBase::LockExclusive));
     EXPECT_FALSE(a->lockRange(0, 1, IStreamBase::LockShared));
-    b->close();  // close releases b's locks
+    b->close();
     EXPECT_TRUE(a->lockRange(0, 100, IStreamBase::LockExclusive));
-    EXPECT_THROW(a->lockRange(-1, 1, IStreamBase::LockShared), kz::CInvalidArgError);
 }
 
-TYPED_TEST(IFileSystemTest, DeletesFiles) {
-    const kz::CURI uri = this->kind.uriOf("a");
-    EXPECT_EQ(this->problemOf([&] { this->fs.deleteFile(uri, false); }),
+TYPED_TEST(IFileSystemTest, DeletesFilesAndOpenStreamsKeepThem) {
+    auto& k = this->k;
+    EXPECT_EQ(failureOf([&] { k.fs->deleteFile(k.uri, false); }, k.uri),
               CFileSystemError::NotFound);
-    this->fs.deleteFile(uri, true);
-
-    P<IIOStream> stream = this->open("a", IIOStream::AccessReadWrite);
-    this->writeText(stream.get(), "still here");
-    this->fs.deleteFile(uri, false);
-    EXPECT_FALSE(this->fs.exists(uri));
-    // An open stream keeps the file that lost its name.
+    k.fs->deleteFile(k.uri, true);
+    P<IIOStream> stream = this->open(IIOStream::AccessReadWrite);
+    stream->write("still here", 10, nullptr);
+    k.fs->deleteFile(k.uri, false);
+    EXPECT_FALSE(k.fs->exists(k.uri));
     stream->seek(0);
-    EXPECT_EQ(this->readText(stream.get(), 100), "still here");
-    EXPECT_EQ(this->open("a", IIOStream::AccessReadWrite)->getLength(), 0);
+    EXPECT_EQ(readText(*stream, 100), "still here");
+    EXPECT_EQ(this->open(IIOStream::AccessReadWrite)->getLength(), 0);
 }
 
 }  // namespace
