@@ -46,8 +46,9 @@ P<IIOStream> CLockFile::openStream(bool createIfMissing) {
                                  CProps().add("uri", uri.toString(true)).add("type", type));
         }
         try {
+            P<IIOStream> opened = fileSystem->open(uri, IIOStream::AccessReadWrite, 0);
             writable = true;
-            return fileSystem->open(uri, IIOStream::AccessReadWrite, 0);
+            return opened;
         } catch (const CFileSystemError& error) {
             // A reader on a read-only medium can still share a lock file that exists.
             if (type != Shared || error.getProblem() != CFileSystemError::AccessDenied ||

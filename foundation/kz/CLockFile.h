@@ -15,20 +15,20 @@ namespace kz {
 // operating system drops it when the process dies: a stale file holds no lock.
 //
 // On release the file is deleted when no one else holds it (the object's own lock becomes
-// exclusive first), unless `keepFile`. A process that tries the lock meanwhile fails as
-// if it were held. A process that opened the file just before the
-// deletion would lock a file without a name; after taking its lock the constructor checks
-// that the file still exists and starts again if not. What remains is a process that
-// re-creates the file within that check; two such races at once are not caught.
+// exclusive first), unless `keepFile`. A process that tries the lock meanwhile fails as if it
+// were held. A process that opened the file just before the deletion would lock a file without
+// a name: so after taking its lock the constructor checks that the file still exists, and
+// starts again if not. What remains is a third process that re-creates the file within that
+// check; the two would then both hold a lock.
 class CLockFile : public CBase {
 public:
     enum Type { Shared = 1, Exclusive = 2 };
 
-    // Takes the lock at `uri`, `type` 1 or 2. A missing file is created if
-    // `createIfMissing`; a reader on a medium where the file cannot be opened for writing takes
-    // its shared lock through a read-only stream. Throws CLockFileError, with the "uri"
-    // property and the file system's error as its cause, when the lock is held elsewhere or
-    // the file cannot be made or opened; CInvalidArgError for a bad type.
+    // Takes the lock at `uri`, `type` 1 or 2. A missing file is created if `createIfMissing`;
+    // a reader on a medium where the file cannot be opened for writing takes its shared lock
+    // through a read-only stream. Throws CLockFileError with the "uri" property when the lock
+    // is held elsewhere or the file cannot be made or opened (the file system's error is then
+    // its cause); CInvalidArgError for a bad type.
     CLockFile(IFileSystem* fileSystem, const CURI& uri, int type, bool keepFile = false,
               bool createIfMissing = true);
     // Releases the lock; never throws.
