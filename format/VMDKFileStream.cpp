@@ -1,0 +1,12 @@
+#include "format/VMDKFileStream.h"
+
+#include "format/CVMDKLowLevelFileStream.h"
+
+namespace harl {
+
+kz::P<kz::IIOStream> openVMDKFileStream(kz::IFileSystem* fileSystem, const kz::CURI& uri,
+                                        kz::IIOStream::Access access) {
+    return kz::P<kz::IIOStream>(new CVMDKLowLevelFileStream(fileSystem, uri, access));
+}
+
+}  // namespace harl

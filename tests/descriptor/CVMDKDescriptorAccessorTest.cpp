@@ -1,0 +1,162 @@
+#include "descriptor/CVMDKDescriptorAccessor.h"
+#include "format/CVMDKSparseExtentHeader.h"
+#include "foundation/kz/CBufferStream.h"
+#include "foundation/kz/CDataOutStream.h"
+#include "foundation/kz/CIOError.h"
+
+#include "tests/support/CLogCapture.h"
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+using harl::CVMDKDescriptorAccessor;
+
+const std::string kText =
+    "# Disk DescriptorFile\nversion=1\nCID=1234abcd\nparentCID=ffffffff\n"
+    "createType=\"monolithicSparse\"\n\nRW 2048 SPARSE \"disk.vmdk\"\n";
+
+kz::P<kz::CBufferStream> standalone(const std::string& text) {
+    kz::P<kz::CBufferStream> stream(new kz::CBufferStream(kz::CURI("file:///d/disk.vmdk")));
+    stream->write(text.data(), static_cast<int>(text.size()), nullptr);
+    return stream;
+}
+
+// A sparse extent header at sector 0 and the text in `sizeSectors` sectors from sector 1.
+kz::P<kz::CBufferStream> embedded(const std::string& text, unsigned long long offsetSectors,
+                                  unsigned long long sizeSectors, unsigned version = 1) {
+    kz::P<kz::CBufferStream> stream(new kz::CBufferStream(kz::CURI("file:///d/disk.vmdk")));
+    harl::CVMDKSparseExtentHeader header;
+    header.setVersion(version);
+    header.setFlags(0x3);
+    header.setDescriptorOffsetSectors(offsetSectors);
+    header.setDescriptorSizeSectors(sizeSectors);
+    kz::CDataOutStream out(stream.get());
+    header.store(out);
+    stream->setLength(static_cast<long long>(512 * (1 + sizeSectors) + 512));
+    stream->seek(512);
+    stream->write(text.data(), static_cast<int>(text.size()), nullptr);
+    return stream;
+}
+
+std::string bytesAt(kz::CBufferStream& stream, size_t offset, size_t length) {
+    return std::string(reinterpret_cast<const char*>(stream.getBuffer().getData()) + offset,
+                       length);
+}
+
+TEST(CVMDKDescriptorAccessorTest, ReadsEmbeddedAndStandaloneDescriptors) {
+    kz::P<kz::CBufferStream> sparse = embedded(kText, 1, 20);
+    sparse->seek(777);
+    kz::P<CVMDKDescriptorAccessor> inSparse(
+        new CVMDKDescriptorAccessor(sparse.get(), kz::IIOStream::AccessRead));
+    EXPECT_TRUE(inSparse->getEmbeddedInSparseExtentFile());
+    EXPECT_EQ(inSparse->getDescriptor()->getContentID(), 0x1234abcdu);
+    EXPECT_EQ(sparse->getPosition(), 777);
+
+    harltest::CLogCapture log;
+    kz::P<kz::CBufferStream> file = standalone(kText);
+    kz::P<CVMDKDescriptorAccessor> alone(
+        new CVMDKDescriptorAccessor(file.get(), kz::IIOStream::AccessRead));
+    EXPECT_FALSE(alone->getEmbeddedInSparseExtentFile());
+    EXPECT_EQ(alone->getDescriptor()->getCreateType(), "monolithicSparse");
+    ASSERT_EQ(log.messages(kz::LogLevel::Info).size(), 1u);
+    EXPECT_EQ(log.messages(kz::LogLevel::Info)[0],
+              "Unsupported VMDK type identifier (0x69442023). Handle as not embedded "
+              "descriptor...");
+}
+
+TEST(CVMDKDescriptorAccessorTest, RefusesFilesWithoutAUsableDescriptor) {
+    const auto codeOf = [](kz::CBufferStream& stream) {
+        stream.seek(3);
+        try {
+            CVMDKDescriptorAccessor accessor(&stream, kz::IIOStream::AccessRead);
+        } catch (const kz::CIOError& error) {
+            EXPECT_EQ(stream.getPosition(), 3);
+            EXPECT_EQ(error.getProps().getKey(0), "uri");
+            return std::make_pair(error.getCode(), error.getMessage().toUTF8());
+        }
+        return std::make_pair(0, std::string());
+    };
+    kz::P<kz::CBufferStream> tiny = standalone("abc");
+    EXPECT_EQ(codeOf(*tiny).first, kz::CIOError::EndOfData);
+    kz::P<kz::CBufferStream> noOffset = embedded(kText, 0, 20);
+    EXPECT_EQ(codeOf(*noOffset),
+              std::make_pair(5, std::string("No VMDK descriptor found in VMDK file.")));
+    kz::P<kz::CBufferStream> hugeOffset = embedded(kText, 1ULL << 60, 20);
+    EXPECT_EQ(codeOf(*hugeOffset).first, 5);
+    kz::P<kz::CBufferStream> version4 = embedded(kText, 1, 20, 4);
+    EXPECT_EQ(codeOf(*version4),
+              std::make_pair(6, std::string("VMDK file has an unsupported version: 4")));
+
+    // 5 MiB is the largest descriptor; one sector more is refused before it is read.
+    kz::P<kz::CBufferStream> atLimit = embedded(kText, 1, 0x500000 / 512);
+    EXPECT_EQ(codeOf(*atLimit).first, 0);
+    kz::P<kz::CBufferStream> overLimit = embedded(kText, 1, 0x500000 / 512 + 1);
+    EXPECT_EQ(codeOf(*overLimit),
+              std::make_pair(5, std::string("VMDK descriptor is too big (5243392 bytes).")));
+}
+
+TEST(CVMDKDescriptorAccessorTest, StoresIntoExactlyItsSpace) {
+    // Bytes behind the first zero belong to no line and become zeros.
+    std::string text = kText + std::string(1, '\0') + "junk" + std::string(200, ' ');
+    kz::P<kz::CBufferStream> file = standalone(text);
+    file->seek(10);
+    kz::P<CVMDKDescriptorAccessor> accessor(
+        new CVMDKDescriptorAccessor(file.get(), kz::IIOStream::AccessReadWrite));
+    const unsigned int newID = accessor->changeContentID();
+    accessor->storeDescriptor(true);
+    EXPECT_EQ(file->getPosition(), 10);
+    EXPECT_EQ(file->getLength(), static_cast<long long>(text.size()));
+    const std::string stored = bytesAt(*file, 0, text.size());
+    EXPECT_NE(stored.find("CID=" + kz::String::hex(newID).toUTF8() + "\n"), std::string::npos);
+    EXPECT_NE(stored.find("encoding=\"UTF-8\"\n"), std::string::npos);
+    EXPECT_EQ(stored.find("junk"), std::string::npos);
+
+    kz::P<kz::CBufferStream> sparse = embedded(kText, 1, 2);
+    kz::P<CVMDKDescriptorAccessor> inSparse(
+        new CVMDKDescriptorAccessor(sparse.get(), kz::IIOStream::AccessReadWrite));
+    const std::string after = bytesAt(*sparse, 512 + 1024, 512);
+    inSparse->storeDescriptor(false);
+    EXPECT_EQ(bytesAt(*sparse, 512 + 1024, 512), after);
+    EXPECT_EQ(bytesAt(*sparse, 512 + 1023, 1), std::string(1, '\0'));
+}
+
+TEST(CVMDKDescriptorAccessorTest, FullStandaloneFileCannotGrowAndReadersCannotWrite) {
+    kz::P<kz::CBufferStream> file = standalone(kText);
+    kz::P<CVMDKDescriptorAccessor> accessor(
+        new CVMDKDescriptorAccessor(file.get(), kz::IIOStream::AccessReadWrite));
+    EXPECT_THROW(accessor->storeDescriptor(true), kz::CError);
+    EXPECT_EQ(bytesAt(*file, 0, kText.size()), kText);
+    EXPECT_EQ(file->getLength(), static_cast<long long>(kText.size()));
+
+    kz::P<CVMDKDescriptorAccessor> reader(
+        new CVMDKDescriptorAccessor(file.get(), kz::IIOStream::AccessRead));
+    try {
+        reader->changeContentID();
+        FAIL();
+    } catch (const kz::CError& error) {
+        EXPECT_EQ(error.getMessage(),
+                  "Internal error: CVMDKDescriptorAccessor::changeContentID was called, but the "
+                  "accessor was not opened for writing.");
+    }
+    EXPECT_THROW(reader->storeDescriptor(false), kz::CError);
+}
+
+TEST(CVMDKDescriptorAccessorTest, NewContentIDIsNeverTheOldOneNorReserved) {
+    kz::P<kz::CBufferStream> file = standalone(kText);
+    kz::P<CVMDKDescriptorAccessor> accessor(
+        new CVMDKDescriptorAccessor(file.get(), kz::IIOStream::AccessReadWrite));
+    unsigned int previous = accessor->getDescriptor()->getContentID();
+    for (int i = 0; i < 200; ++i) {
+        const unsigned int next = accessor->changeContentID();
+        EXPECT_NE(next, previous);
+        EXPECT_NE(next, 0u);
+        EXPECT_NE(next, 0xFFFFFFFFu);
+        EXPECT_EQ(accessor->getDescriptor()->getContentID(), next);
+        previous = next;
+    }
+}
+
+}  // namespace
