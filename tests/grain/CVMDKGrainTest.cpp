@@ -1,0 +1,494 @@
+#include "foundation/kz/CBufferStream.h"
+#include "foundation/kz/CIOError.h"
+#include "foundation/kz/CInvalidArgError.h"
+#include "foundation/vesk/CCipher_AES256CBC.h"
+#include "grain/CVMDKGrain.h"
+
+#include "tests/support/CRecordingDataProvider.h"
+#include "tests/support/SampleData.h"
+#include "tests/support/ThrownText.h"
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+using harl::CVMDKGrain;
+using harltest::Bytes;
+using harltest::thrownText;
+using Buffer = kz::TBuffer<unsigned char>;
+
+constexpr int kGrainBytes = 65536;
+
+// A memory stream that fails writes on demand and counts reads.
+class CFaultyStream : public kz::CBufferStream {
+public:
+    using kz::CBufferStream::CBufferStream;
+
+    void read(void* data, int size) override {
+        ++reads;
+        kz::CBufferStream::read(data, size);
+    }
+
+    void write(const void* data, int size, kz::IWriteBarrier* barrier) override {
+        if (failWrites) {
+            throw kz::CIOError(kz::CIOError::Unsupported, "Disk on fire.");
+        }
+        kz::CBufferStream::write(data, size, barrier);
+    }
+
+    int reads = 0;
+    bool failWrites = false;
+};
+
+// Appends slots behind sector 1 as the real allocator does, filling each whole, and keeps
+// the slots it gave out, so that it also stands in for the grain directory.
+class CFakeAllocator : public kz::CBase, public harl::IVMDKGrainAllocator {
+public:
+    explicit CFakeAllocator(CFaultyStream* stream) : stream(stream) {}
+
+    void flushChangesToStream() override {}
+
+    long long allocNewGrain(long long index, const void* data, int size, int slot) override {
+        return alloc(
+            "alloc", index,
+            kz::TConstBufferSlice<unsigned char>(static_cast<const unsigned char*>(data), size),
+            slot);
+    }
+
+    long long allocNewGrainKeepBuffer(long long index,
+                                      const kz::TConstBufferSlice<unsigned char>& data,
+                                      int slot) override {
+        return alloc("keep", index, data, slot);
+    }
+
+    kz::P<CFaultyStream> stream;
+    std::map<long long, std::pair<long long, long long>> slots;
+    std::vector<std::string> calls;
+    long long nextSectors = 1;
+
+private:
+    long long alloc(const std::string& how, long long index,
+                    const kz::TConstBufferSlice<unsigned char>& data, int slot) {
+        const Bytes fill(size_t(slot) * 512 - data.getLength(), 0);
+        stream->seek(nextSectors * 512);
+        stream->writeKeepBuffer(data, nullptr);
+        stream->write(fill.data(), int(fill.size()), nullptr);
+        calls.push_back(how + " " + std::to_string(index) + " " + std::to_string(slot));
+        slots[index] = {nextSectors, slot};
+        nextSectors += slot;
+        return slots[index].first;
+    }
+};
+
+// The parent: disk byte p holds patternAt(p); prepared grains are made from that pattern.
+class CPatternProvider : public kz::CBase, public harl::IVMDKDataProvider {
+public:
+    void getData(long long position, void* buffer, int size) override {
+        calls.push_back("getData " + std::to_string(position) + " " + std::to_string(size));
+        for (int i = 0; i < size; ++i) {
+            static_cast<unsigned char*>(buffer)[i] = pattern(position + i);
+        }
+    }
+
+    void getPreparedGrainData(long long position, Buffer& data, int grainSize,
+                              bool compressed) override {
+        calls.push_back("getPrepared " + std::to_string(position));
+        kz::P<Buffer> plain(new Buffer(size_t(grainSize)));
+        getData(position, plain->getData(), grainSize);
+        kz::P<Buffer> aux(new Buffer);
+        kz::P<harl::CVMDKDataPreparer> preparer(
+            new harl::CVMDKDataPreparer(grainSize / 512, compressed, 1));
+        data = *preparer->prepareGrainData(plain.get(), position / grainSize, aux.get());
+    }
+
+    bool isGrainWritten(long long) override { return true; }
+
+    static unsigned char pattern(long long p) {
+        return harltest::CRecordingDataProvider::patternAt(p);
+    }
+
+    std::vector<std::string> calls;
+};
+
+struct Form {
+    bool compressed;
+    bool encrypted;
+};
+
+// One extent file: its stream and its allocator.
+struct CExtent {
+    kz::P<CFaultyStream> stream{new CFaultyStream(kz::CURI("file:///d/grain.vmdk"))};
+    kz::P<CFakeAllocator> allocator{new CFakeAllocator(stream.get())};
+};
+
+Bytes grainOf(const Bytes& head, size_t at = 0) {
+    Bytes grain(kGrainBytes, 0);
+    std::copy(head.begin(), head.end(), grain.begin() + std::ptrdiff_t(at));
+    return grain;
+}
+
+class CVMDKGrainFixture : public ::testing::Test {
+protected:
+    kz::P<CVMDKGrain> makeGrain(CExtent& extent, Form form,
+                                harl::IVMDKDataProvider* provider = nullptr, int keyByte = 1,
+                                kz::IIOStream::Access access = kz::IIOStream::AccessReadWrite) {
+        kz::TCryptBuffer<unsigned char> key(32);
+        key.fill(static_cast<unsigned char>(keyByte));
+        Buffer iv(16);
+        for (int i = 0; i < 16; ++i) {
+            iv[size_t(i)] = static_cast<unsigned char>(i * 17);
+        }
+        return kz::P<CVMDKGrain>(new CVMDKGrain(
+            extent.stream.get(), access, 128, extent.allocator.get(), form.compressed, 1, provider,
+            form.encrypted ? cipher.get() : nullptr, key, iv));
+    }
+
+    // Opens extent grain `index` where the allocator put it.
+    static void openGrain(CVMDKGrain& grain, CExtent& extent, long long index, long long disk) {
+        const auto slot = extent.allocator->slots.find(index);
+        const bool found = slot != extent.allocator->slots.end();
+        grain.open(index, disk, found ? slot->second.first : 0, found ? slot->second.second : 0);
+    }
+
+    static Bytes readGrain(CVMDKGrain& grain, CExtent& extent, long long index, long long disk) {
+        openGrain(grain, extent, index, disk);
+        Bytes data(kGrainBytes);
+        grain.read(data.data(), kGrainBytes);
+        return data;
+    }
+
+    // Disk grain `disk` of the pattern provider with `bytes` written at `at`.
+    static Bytes parentWith(long long disk, const Bytes& bytes, size_t at) {
+        Bytes grain(kGrainBytes);
+        for (size_t i = 0; i < grain.size(); ++i) {
+            grain[i] = CPatternProvider::pattern(disk * kGrainBytes + long(i));
+        }
+        std::copy(bytes.begin(), bytes.end(), grain.begin() + std::ptrdiff_t(at));
+        return grain;
+    }
+
+    kz::P<vesk::ICipher> cipher{new vesk::CCipher_AES256CBC};
+    CExtent extent;
+    kz::P<CPatternProvider> provider{new CPatternProvider};
+    const Bytes fsData = harltest::makeFileSystemLikeData(kGrainBytes, 7);
+};
+
+// The cases that hold for every form of stored grain.
+class CVMDKGrainTest : public CVMDKGrainFixture, public ::testing::WithParamInterface<Form> {
+protected:
+    using CVMDKGrainFixture::makeGrain;
+
+    kz::P<CVMDKGrain> makeGrain(harl::IVMDKDataProvider* provider = nullptr, int keyByte = 1) {
+        return makeGrain(extent, GetParam(), provider, keyByte);
+    }
+
+    Bytes readBack(long long index, long long disk) {
+        return readGrain(*makeGrain(), extent, index, disk);
+    }
+};
+
+TEST_P(CVMDKGrainTest, RoundTripsFullAndPartialGrains) {
+    kz::P<CVMDKGrain> grain = makeGrain();
+    openGrain(*grain, extent, 0, 5);
+    grain->write(fsData.data(), kGrainBytes);
+    const Bytes part = harltest::makeTextLikeData(3000, 2);
+    openGrain(*grain, extent, 1, 6);
+    grain->seek(1000);
+    grain->write(part.data(), 3000);
+    EXPECT_EQ(grain->getBytesLeft(), kGrainBytes - 4000);
+    grain->close();
+    EXPECT_EQ(extent.allocator->calls.size(), 2u);
+    EXPECT_EQ(extent.stream->reads, 0);
+
+    EXPECT_EQ(readBack(0, 5), fsData);
+    EXPECT_EQ(readBack(1, 6), grainOf(part, 1000));
+    if (GetParam().encrypted) {
+        // Another key: garbage without compression, a format error with it.
+        kz::P<CVMDKGrain> stranger = makeGrain(nullptr, 2);
+        if (GetParam().compressed) {
+            EXPECT_EQ(thrownText<kz::CIOError>([&] { readGrain(*stranger, extent, 0, 5); })[0],
+                      '5');
+        } else {
+            EXPECT_NE(readGrain(*stranger, extent, 0, 5), fsData);
+        }
+    }
+}
+
+TEST_P(CVMDKGrainTest, ReadsThroughToTheProviderAndMergesPartialWrites) {
+    kz::P<CVMDKGrain> grain = makeGrain(provider.get());
+    grain->open(0, 7, 0, 0);
+    Bytes bytes(100);
+    grain->seek(500);
+    grain->read(bytes.data(), 100);
+    EXPECT_EQ(bytes[0], CPatternProvider::pattern(7 * kGrainBytes + 500));
+    grain->read(bytes.data(), 100);  // nothing was loaded: the provider answers again
+    EXPECT_TRUE(grain->isGrainWritten());
+    EXPECT_FALSE(grain->isGrainWrittenAndIndependentOfParent());
+    const Bytes part(10, 0xee);
+    grain->seek(2000);
+    grain->write(part.data(), 10);
+    grain->close();
+    EXPECT_EQ(provider->calls, (std::vector<std::string>{"getData 459252 100", "getData 459352 100",
+                                                         "getData 458752 65536"}));
+    EXPECT_EQ(readBack(0, 7), parentWith(7, part, 2000));
+}
+
+TEST_P(CVMDKGrainTest, ZerosOnAnUnallocatedGrainAreStoredOnlyOverAProvider) {
+    const Bytes zeros(kGrainBytes, 0);
+    kz::P<CVMDKGrain> grain = makeGrain();
+    grain->open(0, 0, 0, 0);
+    grain->write(zeros.data(), kGrainBytes);
+    EXPECT_TRUE(grain->isGrainWritten());
+    grain->flushChangesToStream();
+    EXPECT_FALSE(grain->isGrainWritten());
+    EXPECT_TRUE(extent.allocator->calls.empty());
+
+    grain->setFallbackDataProvider(provider.get());
+    grain->open(1, 1, 0, 0);
+    grain->write(zeros.data(), kGrainBytes);
+    grain->close();
+    EXPECT_EQ(extent.allocator->calls.size(), 1u);
+    EXPECT_EQ(readGrain(*makeGrain(provider.get()), extent, 1, 1), grainOf({}));
+}
+
+TEST_P(CVMDKGrainTest, AFailedStoreLeavesTheGrainDirtyForTheNextFlush) {
+    kz::P<CVMDKGrain> grain = makeGrain();
+    for (int round = 0; round < 2; ++round) {  // a new slot, then the same slot
+        const Bytes data = round == 0 ? fsData : grainOf(harltest::makeTextLikeData(1000, 3));
+        openGrain(*grain, extent, 0, 0);
+        grain->write(data.data(), kGrainBytes);
+        extent.stream->failWrites = true;
+        EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->open(1, 1, 0, 0); }), "13 Disk on fire.");
+        EXPECT_TRUE(grain->isGrainWrittenAndIndependentOfParent());
+        EXPECT_EQ(grain->getGrainStartPositionSectors(), round);
+        extent.stream->failWrites = false;
+        grain->flushChangesToStream();
+        EXPECT_EQ(readBack(0, 0), data);
+    }
+    EXPECT_EQ(extent.allocator->calls.size(), 1u);
+}
+
+TEST_P(CVMDKGrainTest, MakesGrainsIndependentWithoutLosingChanges) {
+    kz::P<CVMDKGrain> grain = makeGrain();
+    grain->open(0, 3, 0, 0);
+    EXPECT_EQ(grain->makeIndependentOfParent(), 0);
+    EXPECT_EQ(grain->getBytesLeft(), 0);
+
+    grain->setFallbackDataProvider(provider.get());
+    grain->open(0, 3, 0, 0);
+    EXPECT_GT(grain->makeIndependentOfParent(), 0);
+    openGrain(*grain, extent, 0, 3);
+    EXPECT_EQ(grain->makeIndependentOfParent(), kGrainBytes);
+    const Bytes part(10, 0x5a);
+    grain->open(1, 9, 0, 0);
+    grain->write(part.data(), 10);
+    grain->seek(0);
+    EXPECT_EQ(grain->makeIndependentOfParent(), kGrainBytes);
+    grain->close();
+    EXPECT_EQ(extent.allocator->calls.size(), 2u);
+    EXPECT_EQ(provider->calls.back(), "getData 589824 65536");
+    EXPECT_EQ(readBack(0, 3), parentWith(3, {}, 0));
+    EXPECT_EQ(readBack(1, 9), parentWith(9, part, 0));
+}
+
+TEST_P(CVMDKGrainTest, SameGrainAtAnotherDiskIndexGivesOtherBytes) {
+    kz::P<CVMDKGrain> grain = makeGrain();
+    for (int index = 0; index < 2; ++index) {
+        grain->open(index, index, 0, 0);
+        grain->write(fsData.data(), kGrainBytes);
+    }
+    grain->close();
+    const auto& slots = extent.allocator->slots;
+    const unsigned char* file = extent.stream->getBuffer().getData();
+    // Behind the lba of a compressed grain.
+    const size_t length = size_t(slots.at(0).second) * 512 - 12;
+    const int differs = std::memcmp(file + slots.at(0).first * 512 + 12,
+                                    file + slots.at(1).first * 512 + 12, length);
+    EXPECT_EQ(differs != 0, GetParam().encrypted);
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, CVMDKGrainTest,
+                         testing::Values(Form{false, false}, Form{false, true}, Form{true, false},
+                                         Form{true, true}),
+                         [](const auto& info) {
+                             return std::string(info.param.compressed ? "Compressed" : "Plain") +
+                                    (info.param.encrypted ? "Encrypted" : "");
+                         });
+
+using CVMDKCompressedGrainTest = CVMDKGrainTest;
+
+TEST_P(CVMDKCompressedGrainTest, KeepsSlotsThatFitAndMovesOnceToAWorstCaseSlot) {
+    // A grain whose prepared form is exactly one sector: 12 + size = 512, no fill.
+    kz::P<CVMDKGrain> grain = makeGrain();
+    kz::P<harl::CVMDKDataPreparer> preparer = grain->createDataPreparer();
+    Bytes exact;
+    kz::P<Buffer> plain(new Buffer(kGrainBytes));
+    kz::P<Buffer> aux(new Buffer);
+    for (size_t n = 250; n < 400 && exact.empty(); ++n) {
+        const Bytes candidate = grainOf(harltest::makeRandomData(n, 3));
+        plain->assign(candidate.data(), candidate.size());
+        if (preparer->prepareGrainData(plain.get(), 0, aux.get())->getUsed() == 512 &&
+            (*aux)[8] + 256 * (*aux)[9] == 500) {
+            exact = candidate;
+        }
+    }
+    ASSERT_FALSE(exact.empty());
+    const long long oneSector = GetParam().encrypted ? 2 : 1;
+    const Bytes longer = grainOf(harltest::makeRandomData(500, 4));  // 2 sectors
+    const Bytes worst = harltest::makeRandomData(kGrainBytes, 5);
+    for (const Bytes* data : std::vector<const Bytes*>{&exact, &exact, &longer, &worst}) {
+        openGrain(*grain, extent, 0, 0);
+        grain->write(data->data(), kGrainBytes);
+        grain->close();
+        EXPECT_EQ(readBack(0, 0), *data);
+    }
+    EXPECT_EQ(
+        extent.allocator->calls,
+        (std::vector<std::string>{"alloc 0 " + std::to_string(oneSector),
+                                  "alloc 0 " + std::to_string(GetParam().encrypted ? 130 : 129)}));
+}
+
+TEST_P(CVMDKCompressedGrainTest, ReadsASizeOfTwiceAGrainAndRefusesMoreOrCorruptData) {
+    kz::P<CVMDKGrain> grain = makeGrain();
+    grain->open(0, 0, 0, 0);
+    grain->write(fsData.data(), kGrainBytes);
+    grain->close();
+    Buffer& file = extent.stream->getBuffer();
+    const auto setSize = [&](unsigned size) {
+        std::memcpy(file.getData() + 512 + 8, &size, 4);  // the host is little-endian
+    };
+    setSize(2 * kGrainBytes);
+    extent.stream->setLength(512 + 2 * kGrainBytes + 512);
+    EXPECT_EQ(readBack(0, 0), fsData);
+    setSize(2 * kGrainBytes + 1);
+    EXPECT_EQ(thrownText<kz::CIOError>([&] { readBack(0, 0); }),
+              "5 Error reading compressed data from VMDK. Invalid compressed grain size. "
+              "[uri=file:///d/grain.vmdk, position=512, lba=0, compressedGrainSize=131073]");
+
+    setSize(2 * kGrainBytes);
+    file[512 + 100] ^= 0x40;  // inside the compressed stream, or its ciphertext
+    openGrain(*grain, extent, 0, 0);
+    Bytes byte(1);
+    EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->read(byte.data(), 1); })[0], '5');
+    const int reads = extent.stream->reads;
+    EXPECT_THROW(grain->read(byte.data(), 1), kz::CIOError);  // the file is asked again
+    EXPECT_GT(extent.stream->reads, reads);
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, CVMDKCompressedGrainTest,
+                         testing::Values(Form{true, false}, Form{true, true}),
+                         [](const auto& info) {
+                             return std::string(info.param.encrypted ? "Encrypted" : "Plain");
+                         });
+
+// Prepared grains are in the clear: they pass between extents with other keys, whether the
+// source held them in memory or read them from its file.
+TEST_F(CVMDKGrainFixture, PreparedGrainsMoveBetweenExtentsWithOtherKeys) {
+    for (bool compressed : {false, true}) {
+        CExtent source, target, back;
+        kz::P<CVMDKGrain> from = makeGrain(source, {compressed, !compressed});
+        kz::P<CVMDKGrain> to = makeGrain(target, {compressed, true}, nullptr, 2);
+        kz::P<CVMDKGrain> home = makeGrain(back, {compressed, false});
+        from->open(0, 4, 0, 0);
+        from->write(fsData.data(), kGrainBytes);
+        Buffer prepared;
+        from->seek(0);
+        from->readPreparedGrainData(prepared);  // stores the dirty grain first
+        EXPECT_EQ(from->getBytesLeft(), 0);
+        EXPECT_EQ(source.stream->reads, 0);
+        to->open(2, 4, 0, 0);
+        to->writePreparedGrainData(prepared);
+
+        EXPECT_EQ(readGrain(*makeGrain(source, {compressed, !compressed}), source, 0, 4), fsData);
+        openGrain(*to, target, 2, 4);
+        to->readPreparedGrainData(prepared);
+        EXPECT_EQ(target.stream->reads, compressed ? 2 : 1);
+        home->open(1, 4, 0, 0);
+        home->writePreparedGrainDataKeepBuffer(kz::TConstBufferSlice<unsigned char>(prepared));
+        home->close();
+        const size_t slot = compressed ? (prepared.getUsed() + 511) / 512 : 128;
+        EXPECT_EQ(back.allocator->calls.front(), "keep 1 " + std::to_string(slot));
+        EXPECT_EQ(readGrain(*makeGrain(target, {compressed, true}, nullptr, 2), target, 2, 4),
+                  fsData);
+        EXPECT_EQ(readGrain(*home, back, 1, 4), fsData);
+    }
+}
+
+TEST_F(CVMDKGrainFixture, ErrorsCarryTheirTextsAndProperties) {
+    kz::P<CVMDKGrain> grain = makeGrain(extent, {true, true});
+    const std::string uri = "[uri=file:///d/grain.vmdk";
+    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { grain->open(0, 0, 3, 0); }),
+              "-1 CVMDKGrain::open: Invalid slot size for allocated compressed grain: 0 sectors");
+    EXPECT_FALSE(grain->isOpen());
+    grain->open(0, 6, 0, 0);
+    Bytes bytes(kGrainBytes + 1);
+    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { grain->seek(kGrainBytes); }),
+              "-1 CVMDKGrain::seek: Invalid seek position in VMDK grain: 65536 " + uri +
+                  ", position=65536, grainSize=65536]");
+    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { grain->read(bytes.data(), -1); }),
+              "-1 CVMDKGrain::read: Invalid number of bytes to read: -1 " + uri + "]");
+    grain->seek(65535);
+    EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->read(bytes.data(), 2); }),
+              "4 Unexpected end of data trying to read 2 bytes from VMDK grain. " + uri +
+                  ", position=65535, bytesToRead=2]");
+    EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->write(bytes.data(), 2); }),
+              "3 Cannot write 2 bytes to grain. Grain size exceeded. " + uri + "]");
+    const std::string at = uri + ", posInGrain=65535, diskGrainIndex=6, extentGrainIndex=0";
+    Buffer prepared(1);
+    EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->readPreparedGrainData(prepared); }),
+              "3 CVMDKGrain::tryReadPreparedGrainData can only be called when the position in "
+              "the grain is 0. " +
+                  at + "]");
+    prepared.setUsed(1);
+    EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->makeIndependentOfParent(); }),
+              "3 CVMDKGrain::makeIndependentOfParent can only be called when the position in the "
+              "grain is 0. " +
+                  at + "]");
+    EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->writePreparedGrainData(prepared); }),
+              "3 CVMDKGrain::writePreparedGrainData can only be called when the position in the "
+              "grain is 0. " +
+                  at + ", preparedDataSize=1]");
+    grain->seek(0);
+    EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->writePreparedGrainData(prepared); }),
+              "5 CVMDKGrain::writePreparedGrainData called with data that is not a prepared "
+              "grain of this VMDK extent. " +
+                  uri +
+                  ", posInGrain=0, diskGrainIndex=6, extentGrainIndex=0, preparedDataSize=1]");
+    prepared.setUsed(0);
+    EXPECT_NE(thrownText<kz::CIOError>([&] {
+                  grain->writePreparedGrainData(prepared);
+              }).find("called with zero-length prepared data. "),
+              std::string::npos);
+
+    kz::P<CVMDKGrain> reader =
+        makeGrain(extent, {false, false}, nullptr, 1, kz::IIOStream::AccessRead);
+    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { reader->open(0, 0, 1, 127); }),
+              "-1 CVMDKGrain::open: Slot size for allocated uncompressed grain is smaller than "
+              "the grain size (slot size: 127 sectors, grain size: 128 sectors");
+    reader->open(0, 0, 0, 0);
+    const std::string notWritable = " was called, but the grain was not opened for writing.";
+    EXPECT_EQ(thrownText<kz::CError>([&] { reader->write(bytes.data(), 1); }),
+              "-1 Internal error: CVMDKGrain::write" + notWritable);
+    EXPECT_EQ(thrownText<kz::CError>([&] { reader->writePreparedGrainData(prepared); }),
+              "-1 Internal error: CVMDKGrain::writePreparedGrainData" + notWritable);
+    EXPECT_EQ(thrownText<kz::CError>([&] { reader->makeIndependentOfParent(); }),
+              "-1 Internal error: CVMDKGrain::makeIndependentOfParent" + notWritable);
+}
+
+TEST(CVMDKGrainIVTest, LaysTheGrainIndexOverTheBaseIVTwice) {
+    Buffer base(16);
+    base.fill(0xf0);
+    Buffer iv;
+    CVMDKGrain::makeGrainEncryptIV(iv, base, 0);
+    EXPECT_EQ(iv, base);
+    CVMDKGrain::makeGrainEncryptIV(iv, base, 0x0102030405060708);
+    for (size_t i = 0; i < 16; ++i) {
+        EXPECT_EQ(iv[i], 0xf0 ^ (8 - i % 8)) << i;
+    }
+}
+
+}  // namespace
