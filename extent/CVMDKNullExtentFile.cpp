@@ -130,13 +130,22 @@ void CVMDKNullExtentFile::readPreparedGrainData(kz::TBuffer<unsigned char>& data
     position += grainSizeBytes;
 }
 
-// A hole without a provider answers with the prepared form of an all-zero grain. That needs
-// the data preparer, which this extent does not build yet.
-void CVMDKNullExtentFile::readPreparedZeroGrain(kz::TBuffer<unsigned char>&, long long) {
-    throw kz::CIOError(kz::CIOError::Unsupported,
-                       "Prepared reads of a VMDK null extent file without a fallback data "
-                       "provider are not supported.",
-                       uriProps().add("position", position));
+// A hole without a provider answers with the prepared form of an all-zero grain. Preparing
+// may mean compressing a whole grain, so it is done once and only the index is patched.
+void CVMDKNullExtentFile::readPreparedZeroGrain(kz::TBuffer<unsigned char>& data,
+                                                long long grainIndex) {
+    if (!dataPreparer) {
+        dataPreparer = createDataPreparer();
+    }
+    if (!preparedZeroGrain) {
+        kz::P<kz::TBuffer<unsigned char>> zeros(
+            new kz::TBuffer<unsigned char>(static_cast<size_t>(grainSizeBytes)));
+        zeros->fill(0);
+        kz::P<kz::TBuffer<unsigned char>> aux(new kz::TBuffer<unsigned char>);
+        preparedZeroGrain = dataPreparer->prepareGrainData(zeros.get(), 0, aux.get());
+    }
+    data = *preparedZeroGrain;
+    dataPreparer->patchGrainIndexInPreparedGrainData(data, grainIndex);
 }
 
 long long CVMDKNullExtentFile::makeGrainIndependentOfParent(long long) {

@@ -49,9 +49,10 @@ public:
     kz::P<CVMDKDataPreparer> createDataPreparer() override;
     // Always throws an internal CError.
     void writePreparedGrainData(const kz::TBuffer<unsigned char>& data) override;
-    // The provider's prepared grain. Throws a CIOError code 3 when the grain runs past the
-    // extent and code 11 off a grain boundary, tested in that order. Without a provider the
-    // answer would be a prepared zero grain, which needs a data preparer: code 13 for now.
+    // The provider's prepared grain, or without a provider the prepared all-zero grain with
+    // this grain's index; that one is compressed once per object. Throws a CIOError code 3
+    // when the grain runs past the extent and code 11 off a grain boundary, tested in that
+    // order.
     void readPreparedGrainData(kz::TBuffer<unsigned char>& data) override;
     // Always throws an internal CError.
     long long makeGrainIndependentOfParent(long long grainIndex) override;
@@ -81,6 +82,10 @@ private:
     long long sizeBytes;
     kz::P<IVMDKDataProvider> fallbackDataProvider;
     long long position = 0;
+    // Made on the first prepared read without a provider; the grain keeps index 0 and each
+    // answer is a copy patched for its own index.
+    kz::P<CVMDKDataPreparer> dataPreparer;
+    kz::P<kz::TBuffer<unsigned char>> preparedZeroGrain;
 };
 
 }  // namespace harl

@@ -6,6 +6,9 @@
 #include "tests/support/CRecordingDataProvider.h"
 #include "tests/support/ThrownText.h"
 
+#include <algorithm>
+#include <cstring>
+
 namespace {
 
 using harl::CVMDKNullExtentFile;
@@ -101,6 +104,31 @@ TEST_F(CVMDKNullExtentFileTest, PreparedReadsTestSizeBeforeBoundary) {
     EXPECT_EQ(thrownText<kz::CIOError>([&] { extent->readPreparedGrainData(data); }),
               "5 Parent data unreadable.");
     EXPECT_EQ(extent->getPosition(), 0);
+}
+
+TEST_F(CVMDKNullExtentFileTest, WithoutProviderPreparedReadsGiveTheZeroGrainOfEachIndex) {
+    extent->setFallbackDataProvider(nullptr);
+    kz::TBuffer<unsigned char> first, second, again;
+    extent->readPreparedGrainData(first);
+    extent->readPreparedGrainData(second);
+    extent->seek(0);
+    extent->readPreparedGrainData(again);
+    EXPECT_EQ(first, again);
+    EXPECT_EQ(first[0], 6);  // lba: 2 sectors x disk grain 3
+    EXPECT_EQ(second[0], 8);
+    EXPECT_EQ(std::memcmp(first.getData() + 1, second.getData() + 1, first.getUsed() - 1), 0);
+    kz::P<kz::TBuffer<unsigned char>> held(new kz::TBuffer<unsigned char>(second));
+    kz::P<kz::TBuffer<unsigned char>> plain(new kz::TBuffer<unsigned char>);
+    extent->createDataPreparer()->unprepareGrainData(held.get(), plain.get());
+    ASSERT_EQ(plain->getUsed(), 1024u);
+    EXPECT_TRUE(std::all_of(plain->getData(), plain->getData() + 1024, [](int b) { return !b; }));
+    EXPECT_TRUE(provider->calls.empty());
+
+    kz::P<CVMDKNullExtentFile> uncompressed(
+        new CVMDKNullExtentFile(kz::CURI(), 0, 2, 4, 512, false, 6, nullptr));
+    uncompressed->readPreparedGrainData(first);
+    EXPECT_EQ(first.getUsed(), 1024u);
+    EXPECT_EQ(first[0] | first[1023], 0);
 }
 
 }  // namespace
