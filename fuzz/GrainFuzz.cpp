@@ -27,8 +27,8 @@ kz::P<harl::CVMDKGrain> openGrain(kz::CBufferStream* stream, bool encrypted) {
         cipher = new vesk::CCipher_AES256CBC;
     }
     kz::P<harl::CVMDKGrain> grain(new harl::CVMDKGrain(stream, kz::IIOStream::AccessRead,
-                                                       kGrainSizeSectors, nullptr, true, 1,
-                                                       nullptr, cipher.get(), key, iv));
+                                                       kGrainSizeSectors, nullptr, true, 1, nullptr,
+                                                       cipher.get(), key, iv));
     grain->open(0, 3, 1, 1);
     return grain;
 }
