@@ -1,0 +1,448 @@
+#include "descriptor/CVMDKDescriptor.h"
+#include "descriptor/CVMDKDescriptorAccessor.h"
+#include "extent/CVMDKContentIDUpdater.h"
+#include "extent/CVMDKSparseExtentFile.h"
+#include "format/VMDKFileStream.h"
+#include "foundation/kz/CIOError.h"
+#include "foundation/kz/CInvalidArgError.h"
+#include "foundation/kz/CLocalFileSystem.h"
+#include "foundation/kz/CMemoryFileSystem.h"
+#include "foundation/vesk/CCipher_AES256CBC.h"
+#include "foundation/vesk/CDigestType_SHA256.h"
+#include "foundation/vesk/IDigest.h"
+#include "grain/CVMDKGrainTableCache.h"
+#include "grain/VMDKEmptyExtent.h"
+
+#include "tests/support/CLogCapture.h"
+#include "tests/support/CScratchFolder.h"
+#include "tests/support/QemuImg.h"
+#include "tests/support/SampleData.h"
+#include "tests/support/TestFiles.h"
+#include "tests/support/ThrownText.h"
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+namespace {
+
+using namespace harl;
+using Bytes = std::vector<unsigned char>;
+
+constexpr long long kGrainBytes = 65536;
+constexpr long long kGrains = 40;
+
+kz::TBuffer<unsigned char> bufferOf(const std::string& text) {
+    kz::TBuffer<unsigned char> buffer;
+    buffer.assign(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+    return buffer;
+}
+
+kz::TBuffer<unsigned char> zeros(size_t size) {
+    kz::TBuffer<unsigned char> buffer(size);
+    buffer.fill(0);
+    return buffer;
+}
+
+kz::TBuffer<unsigned char> sha256(const kz::TCryptBuffer<unsigned char>& key) {
+    kz::P<vesk::IDigest> digest;
+    vesk::CDigestType_SHA256().createDigest(digest);
+    digest->update(key.getData(), static_cast<int>(key.getUsed()));
+    digest->finish();
+    kz::TBuffer<unsigned char> hash;
+    hash.assign(digest->getData(), static_cast<size_t>(digest->getSize()));
+    return hash;
+}
+
+// One extent file with its descriptor embedded, in memory, opened as a disk would open it.
+class CVMDKSparseExtentFileTest : public ::testing::TestWithParam<std::tuple<bool, bool>> {
+protected:
+    bool compressed() const { return std::get<0>(GetParam()); }
+
+    bool encrypted() const { return std::get<1>(GetParam()); }
+
+    void SetUp() override {
+        key.setUsed(32);
+        for (size_t i = 0; i < 32; ++i) {
+            key[i] = static_cast<unsigned char>(i * 13 + 1);
+        }
+        iv.setUsed(16);
+        iv.fill(0x42);
+        makeFile(uri);
+    }
+
+    void makeFile(const kz::CURI& where) {
+        const std::string text =
+            "# Disk DescriptorFile\nversion=1\nCID=abcdef01\n"
+            "parentCID=ffffffff\ncreateType=\"monolithicSparse\"\n"
+            "RW 5120 SPARSE \"e.vmdk\"\n";
+        kz::P<CVMDKDescriptor> descriptor(new CVMDKDescriptor(bufferOf(text)));
+        createEmptyVMDKSparseExtentFile(fs.get(), where, compressed(), kGrains, 128, zeros(65536),
+                                        descriptor.get(), 20,
+                                        encrypted() ? sha256(key) : kz::TBuffer<unsigned char>());
+    }
+
+    kz::P<CVMDKSparseExtentFile> open(kz::IIOStream::Access access, bool withUpdater = true,
+                                      long long startGrainIndex = 0) {
+        kz::P<kz::IIOStream> stream = openVMDKFileStream(fs.get(), uri, access);
+        kz::P<CVMDKDescriptorAccessor> accessor(
+            new CVMDKDescriptorAccessor(stream.get(), kz::IIOStream::AccessRead));
+        updater = withUpdater ? kz::P<CVMDKContentIDUpdater>(new CVMDKContentIDUpdater(
+                                    fs.get(), uri, accessor->getDescriptor().get()))
+                              : nullptr;
+        return kz::P<CVMDKSparseExtentFile>(new CVMDKSparseExtentFile(
+            stream.get(), access, startGrainIndex, 1, cache.get(), nullptr, updater.get(),
+            encrypted() ? cipher.get() : nullptr, encrypted() ? key : kz::TCryptBuffer<>(), iv));
+    }
+
+    unsigned int contentIDInFile() {
+        kz::P<kz::IIOStream> stream = openVMDKFileStream(fs.get(), uri, kz::IIOStream::AccessRead);
+        return CVMDKDescriptorAccessor(stream.get(), kz::IIOStream::AccessRead)
+            .getDescriptor()
+            ->getContentID();
+    }
+
+    kz::P<kz::CMemoryFileSystem> fs{new kz::CMemoryFileSystem};
+    kz::CURI uri{"file:///d/e.vmdk"};
+    kz::P<CVMDKGrainTableCache> cache{new CVMDKGrainTableCache};
+    kz::P<vesk::ICipher> cipher{new vesk::CCipher_AES256CBC};
+    kz::TCryptBuffer<unsigned char> key;
+    kz::TBuffer<unsigned char> iv;
+    kz::P<CVMDKContentIDUpdater> updater;
+};
+
+TEST_P(CVMDKSparseExtentFileTest, WritesAndReadsAcrossGrainsAndReopens) {
+    const Bytes data = harltest::makeFileSystemLikeData(3 * kGrainBytes, 5);
+    {
+        kz::P<CVMDKSparseExtentFile> extent = open(kz::IIOStream::AccessReadWrite);
+        EXPECT_EQ(extent->getCompressed(), compressed());
+        extent->seek(kGrainBytes / 2);
+        extent->write(data.data(), static_cast<int>(data.size()));
+        EXPECT_EQ(extent->getPosition(), kGrainBytes / 2 + 3 * kGrainBytes);
+        // Rewrite the middle grain with noise that cannot compress into its old slot.
+        const Bytes noise = harltest::makeRandomData(kGrainBytes, 6);
+        extent->seek(2 * kGrainBytes);
+        extent->write(noise.data(), kGrainBytes);
+        std::memcpy(const_cast<unsigned char*>(data.data()) + kGrainBytes * 3 / 2, noise.data(),
+                    kGrainBytes);
+    }
+    kz::P<CVMDKSparseExtentFile> extent = open(kz::IIOStream::AccessRead);
+    Bytes back(data.size() + kGrainBytes);
+    extent->seek(0);
+    extent->read(back.data(), static_cast<int>(back.size()));
+    EXPECT_TRUE(std::all_of(back.begin(), back.begin() + kGrainBytes / 2,
+                            [](unsigned char b) { return b == 0; }));
+    EXPECT_TRUE(std::equal(data.begin(), data.end(), back.begin() + kGrainBytes / 2));
+    EXPECT_FALSE(extent->isGrainWritten());  // the read ended at the first grain not written
+    extent->seek(kGrainBytes + 5);
+    EXPECT_TRUE(extent->isGrainWrittenAndIndependentOfParent());
+    extent->seek((kGrains - 1) * kGrainBytes);
+    EXPECT_FALSE(extent->isGrainWritten());
+    const kz::P<CVMDKSpaceInfo> space = extent->gatherSpaceInfo();
+    EXPECT_EQ(space->getPayloadSize(), 4 * kGrainBytes);
+    if (!compressed()) {
+        EXPECT_EQ(space->getPayloadSizeInFile(), 4 * kGrainBytes);
+    }
+}
+
+TEST_P(CVMDKSparseExtentFileTest, ContentIDChangesOnceBeforeTheFirstChange) {
+    const unsigned int before = contentIDInFile();
+    {
+        kz::P<CVMDKSparseExtentFile> reader = open(kz::IIOStream::AccessRead);
+        Bytes buffer(1000);
+        reader->read(buffer.data(), 1000);
+    }
+    EXPECT_EQ(contentIDInFile(), before);
+    unsigned int first = 0;
+    {
+        kz::P<CVMDKSparseExtentFile> extent = open(kz::IIOStream::AccessReadWrite);
+        extent->seek(700);
+        extent->write(nullptr, 0);  // a change of nothing still counts
+        EXPECT_EQ(extent->getPosition(), 700);
+        first = contentIDInFile();
+        EXPECT_NE(first, before);
+        const Bytes data(5000, 7);
+        extent->write(data.data(), 5000);
+        extent->flushChanges();
+        EXPECT_EQ(contentIDInFile(), first);
+    }
+    {
+        kz::P<CVMDKSparseExtentFile> extent = open(kz::IIOStream::AccessReadWrite);
+        updater->setContentIDUpdatesEnabled(false);
+        const Bytes data(10, 9);
+        extent->write(data.data(), 10);
+        EXPECT_EQ(contentIDInFile(), first);
+        updater->setContentIDUpdatesEnabled(true);
+        extent->write(data.data(), 10);
+        EXPECT_NE(contentIDInFile(), first);
+    }
+}
+
+TEST_P(CVMDKSparseExtentFileTest, RefusesChangesWithoutWriteAccessOrUpdater) {
+    const Bytes data(10, 1);
+    kz::P<CVMDKSparseExtentFile> reader = open(kz::IIOStream::AccessRead);
+    EXPECT_EQ(harltest::thrownText<kz::CError>([&] { reader->write(data.data(), 10); }),
+              "-1 Internal error: VMDK sparse extent file is about to be changed, but it was not "
+              "opened for writing. [uri=file:///d/e.vmdk]");
+    kz::P<CVMDKSparseExtentFile> orphan = open(kz::IIOStream::AccessRead, false);
+    EXPECT_EQ(harltest::thrownText<kz::CError>([&] { orphan->write(data.data(), 10); }),
+              "-1 Internal error: VMDK sparse extent file is about to be changed, but it does not "
+              "have a content ID updater. [uri=file:///d/e.vmdk]");
+    reader->seek(kGrains * kGrainBytes - 5);
+    EXPECT_EQ(harltest::thrownText<kz::CIOError>([&] { reader->read(nullptr, 0); }),
+              "nothing thrown");
+    EXPECT_EQ(
+        harltest::thrownText<kz::CIOError>([&] { reader->read(nullptr, 6); }),
+        "4 Unexpected end of data reading from VMDK sparse extent file. [uri=file:///d/e.vmdk, "
+        "position=2621435, bytesToRead=6]");
+    EXPECT_EQ(harltest::thrownText<kz::CInvalidArgError>([&] { reader->seek(-1); }),
+              "-1 CVMDKSparseExtentFile::seek: Invalid position: -1 [uri=file:///d/e.vmdk]");
+    // The size test comes before the boundary test.
+    kz::TBuffer<unsigned char> prepared;
+    EXPECT_EQ(harltest::thrownText<kz::CIOError>([&] { reader->readPreparedGrainData(prepared); }),
+              "3 Prepared grain read exceeds VMDK extent size. [uri=file:///d/e.vmdk, "
+              "position=2621435, grainSize=65536, extentSize=2621440]");
+    reader->seek(5);
+    EXPECT_EQ(harltest::thrownText<kz::CIOError>([&] { reader->readPreparedGrainData(prepared); }),
+              "11 Prepared grain read in VMDK extent file can only be done on a grain boundary. "
+              "[uri=file:///d/e.vmdk, position=5, grainSize=65536]");
+}
+
+INSTANTIATE_TEST_SUITE_P(AllForms, CVMDKSparseExtentFileTest,
+                         ::testing::Combine(::testing::Bool(), ::testing::Bool()));
+
+// Opening tests that do not depend on the form.
+class CVMDKSparseExtentOpeningTest : public ::testing::Test {
+protected:
+    // A fresh uncompressed extent with `poke` applied to its header bytes.
+    std::string openingError(
+        const std::function<void(unsigned char*)>& poke, vesk::ICipher* cipher = nullptr,
+        kz::TCryptBuffer<unsigned char> key = kz::TCryptBuffer<>(),
+        const kz::TBuffer<unsigned char>& keyHash = kz::TBuffer<unsigned char>()) {
+        kz::P<kz::CMemoryFileSystem> fs(new kz::CMemoryFileSystem);
+        const kz::CURI uri("file:///o.vmdk");
+        createEmptyVMDKSparseExtentFile(fs.get(), uri, false, 8, 128, zeros(65536), nullptr, 0,
+                                        keyHash);
+        kz::P<kz::IIOStream> stream = fs->open(uri, kz::IIOStream::AccessReadWrite, 0);
+        unsigned char header[512];
+        stream->read(header, 512);
+        poke(header);
+        stream->seek(0);
+        stream->write(header, 512, nullptr);
+        stream->seek(0);
+        try {
+            kz::P<CVMDKGrainTableCache> cache(new CVMDKGrainTableCache);
+            kz::P<CVMDKSparseExtentFile> extent(new CVMDKSparseExtentFile(
+                stream.get(), kz::IIOStream::AccessRead, 0, 1, cache.get(), nullptr, nullptr,
+                cipher, key, kz::TBuffer<unsigned char>(16)));
+        } catch (const kz::CError& error) {
+            return std::to_string(error.getCode()) + " " + error.what();
+        }
+        return "opened";
+    }
+};
+
+TEST_F(CVMDKSparseExtentOpeningTest, RefusesBadHeadersInOrder) {
+    const auto none = [](unsigned char*) {};
+    EXPECT_EQ(openingError(none), "opened");
+    EXPECT_EQ(openingError([](unsigned char* h) { h[4] = 4; }),
+              "6 VMDK file has an unsupported version: 4 [uri=file:///o.vmdk]");
+    EXPECT_EQ(openingError([](unsigned char* h) { h[10] = 1; }),
+              "5 VMDK flags 'compressed' and 'metaMarkers' are different (compressed: true, "
+              "metaMarkers: false). [uri=file:///o.vmdk]");
+    EXPECT_EQ(openingError([](unsigned char* h) { std::memset(h + 56, 0xff, 8); }),
+              "5 VMDK file uses an unsupported variant of the 'stream optimized' format. "
+              "[uri=file:///o.vmdk]");
+    // Geometry no sane file has is refused before anything is sized from it.
+    for (const auto& poke : std::vector<std::function<void(unsigned char*)>>{
+             [](unsigned char* h) { std::memset(h + 20, 0, 8); },
+             [](unsigned char* h) { std::memset(h + 44, 0, 4); },
+             [](unsigned char* h) { h[23] = 0x10; }, [](unsigned char* h) { h[19] = 0x7f; }}) {
+        EXPECT_EQ(openingError(poke).rfind("5 VMDK sparse header has an invalid geometry.", 0), 0u);
+    }
+}
+
+TEST_F(CVMDKSparseExtentOpeningTest, ChecksTheCipherAndTheKey) {
+    kz::P<vesk::ICipher> cipher(new vesk::CCipher_AES256CBC);
+    kz::TCryptBuffer<unsigned char> key(32);
+    key.fill(3);
+    kz::TCryptBuffer<unsigned char> otherKey(32);
+    otherKey.fill(4);
+    const auto none = [](unsigned char*) {};
+    EXPECT_EQ(
+        openingError(none, cipher.get()),
+        "-1 CVMDKSparseExtentFile constructor: VMDK extent file is NOT encrypted but a cipher "
+        "object was specified. [uri=file:///o.vmdk]");
+    const kz::TBuffer<unsigned char> hash = sha256(key);
+    EXPECT_EQ(openingError(none, cipher.get(), key, hash), "opened");
+    EXPECT_EQ(openingError(none, nullptr, key, hash),
+              "-1 CVMDKSparseExtentFile constructor: VMDK extent file is encrypted but no cipher "
+              "object was specified. [uri=file:///o.vmdk]");
+    EXPECT_EQ(
+        openingError(none, cipher.get(), kz::TCryptBuffer<unsigned char>(16), hash),
+        "-1 CVMDKSparseExtentFile constructor: Specified encryption key has an incorrect size "
+        "for the cipher [uri=file:///o.vmdk, expectedKeySize=32, keySize=16, "
+        "cipherID=aes256cbc]");
+    EXPECT_EQ(openingError([](unsigned char* h) { h[79] = 2; }, cipher.get(), key, hash),
+              "-1 Unsupported encryption algorithm used by VMDK extent file: 2 "
+              "[uri=file:///o.vmdk]");
+    EXPECT_EQ(openingError(none, cipher.get(), otherKey, hash),
+              "-1 Specified VMDK extent file encryption key is not correct. [uri=file:///o.vmdk]");
+    // The extension with algorithm 0 is no encryption.
+    EXPECT_EQ(openingError([](unsigned char* h) { h[79] = 0; }, nullptr, key, hash), "opened");
+}
+
+// Files written by qemu-img: our reader must see exactly the raw image they were made from.
+class CVMDKSparseExtentQemuTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!harltest::isQemuImgAvailable()) {
+            GTEST_SKIP() << "qemu-img is not installed";
+        }
+    }
+
+    // A sparse raw image of `sizeBytes` with data at the start, around `middle` and at the end.
+    void makeRaw(long long sizeBytes, long long middle) {
+        std::filesystem::resize_file(
+            (std::ofstream(folder.file("raw.img")), folder.file("raw.img")), sizeBytes);
+        std::fstream raw(folder.file("raw.img"), std::ios::in | std::ios::out | std::ios::binary);
+        unsigned seed = 1;
+        for (long long at : {0LL, middle - 3 * kGrainBytes - 1000, sizeBytes - 5 * kGrainBytes}) {
+            const Bytes data = harltest::makeFileSystemLikeData(5 * kGrainBytes, seed++);
+            raw.seekp(at);
+            raw.write(reinterpret_cast<const char*>(data.data()), data.size());
+        }
+    }
+
+    void convert(const std::string& subformat, const std::string& name) {
+        std::string output;
+        ASSERT_EQ(harltest::runQemuImg(
+                      {"convert", "-f", "raw", "-O", "vmdk", "-o", "subformat=" + subformat,
+                       folder.file("raw.img"), folder.file(name)},
+                      &output),
+                  0)
+            << output;
+    }
+
+    // Opens `extentName` read-only and compares it with the raw image from `offset` on.
+    long long compareExtent(const std::string& extentName, long long startGrainIndex,
+                            long long offset) {
+        kz::P<kz::IIOStream> stream =
+            openVMDKFileStream(fs.get(), folder.uriOf(extentName), kz::IIOStream::AccessRead);
+        kz::P<CVMDKSparseExtentFile> extent(new CVMDKSparseExtentFile(
+            stream.get(), kz::IIOStream::AccessRead, startGrainIndex, 1, cache.get(), nullptr,
+            nullptr, nullptr, kz::TCryptBuffer<>(), kz::TBuffer<unsigned char>()));
+        const long long size = extent->getCapacityBytes();
+        std::ifstream raw(folder.file("raw.img"), std::ios::binary);
+        raw.seekg(offset);
+        const int chunk = 1 << 20;
+        Bytes ours(chunk);
+        Bytes theirs(chunk);
+        for (long long done = 0; done < size; done += chunk) {
+            const int count = static_cast<int>(std::min<long long>(chunk, size - done));
+            extent->read(ours.data(), count);
+            raw.read(reinterpret_cast<char*>(theirs.data()), count);
+            if (std::memcmp(ours.data(), theirs.data(), count) != 0) {
+                ADD_FAILURE() << extentName << " differs in the MiB at " << done;
+                break;
+            }
+        }
+        return size;
+    }
+
+    harltest::CScratchFolder folder;
+    kz::P<kz::CLocalFileSystem> fs{new kz::CLocalFileSystem};
+    kz::P<CVMDKGrainTableCache> cache{new CVMDKGrainTableCache};
+};
+
+TEST_F(CVMDKSparseExtentQemuTest, ReadsMonolithicAndSplitSparseFiles) {
+    makeRaw(64LL << 20, 32LL << 20);
+    convert("monolithicSparse", "mono.vmdk");
+    EXPECT_EQ(compareExtent("mono.vmdk", 0, 0), 64LL << 20);
+
+    const long long size = (4LL << 30) + (1LL << 20);
+    makeRaw(size, 2LL << 30);
+    convert("twoGbMaxExtentSparse", "split.vmdk");
+    long long offset = 0;
+    for (int i = 1; offset < size; ++i) {
+        char name[32];
+        std::snprintf(name, sizeof(name), "split-s%03d.vmdk", i);
+        offset += compareExtent(name, offset / kGrainBytes, offset);
+    }
+    EXPECT_EQ(offset, size);
+}
+
+TEST_F(CVMDKSparseExtentQemuTest, RefusesStreamOptimizedFilesCleanly) {
+    makeRaw(4LL << 20, 2LL << 20);
+    convert("streamOptimized", "stream.vmdk");
+    kz::P<kz::IIOStream> stream =
+        openVMDKFileStream(fs.get(), folder.uriOf("stream.vmdk"), kz::IIOStream::AccessRead);
+    const auto openIt = [&] {
+        stream->seek(0);
+        kz::P<CVMDKSparseExtentFile> extent(new CVMDKSparseExtentFile(
+            stream.get(), kz::IIOStream::AccessRead, 0, 1, cache.get(), nullptr, nullptr, nullptr,
+            kz::TCryptBuffer<>(), kz::TBuffer<unsigned char>()));
+    };
+    const std::string message =
+        harltest::thrownText<kz::CError>(openIt) + harltest::thrownText<kz::CIOError>(openIt);
+    EXPECT_NE(message.find("Slot size directory not found in compressed VMDK."), std::string::npos)
+        << message;
+
+    // The same file with its directory announced at the end, as streaming writers leave it.
+    kz::TBuffer<unsigned char> file = harltest::readWholeFile(folder.file("stream.vmdk"));
+    std::memset(file.getData() + 56, 0xff, 8);
+    harltest::writeWholeFile(folder.file("stream-end.vmdk"), file);
+    stream =
+        openVMDKFileStream(fs.get(), folder.uriOf("stream-end.vmdk"), kz::IIOStream::AccessRead);
+    EXPECT_EQ(harltest::thrownText<kz::CIOError>(openIt),
+              "5 VMDK file uses an unsupported variant of the 'stream optimized' format. [uri=" +
+                  folder.uriOf("stream-end.vmdk").toString(true).toUTF8() + "]");
+}
+
+// Files written here: qemu-img must find them consistent and equal to the raw image.
+TEST_F(CVMDKSparseExtentQemuTest, QemuImgReadsWhatWeWrite) {
+    const long long size = 16LL << 20;
+    makeRaw(size, 8LL << 20);
+    const kz::TBuffer<unsigned char> raw = harltest::readWholeFile(folder.file("raw.img"));
+    for (bool compressed : {false, true}) {
+        const std::string name = compressed ? "ours-packed.vmdk" : "ours-plain.vmdk";
+        const kz::CURI uri = folder.uriOf(name);
+        const std::string text =
+            "# Disk DescriptorFile\nversion=1\nCID=12345678\n"
+            "parentCID=ffffffff\ncreateType=\"monolithicSparse\"\n"
+            "RW 32768 SPARSE \"" +
+            name + "\"\nddb.adapterType = \"ide\"\n";
+        kz::P<CVMDKDescriptor> descriptor(new CVMDKDescriptor(bufferOf(text)));
+        createEmptyVMDKSparseExtentFile(fs.get(), uri, compressed, size / kGrainBytes, 128,
+                                        zeros(65536), descriptor.get(), 20,
+                                        kz::TBuffer<unsigned char>());
+        {
+            kz::P<kz::IIOStream> stream =
+                openVMDKFileStream(fs.get(), uri, kz::IIOStream::AccessReadWrite);
+            kz::P<CVMDKContentIDUpdater> updater(
+                new CVMDKContentIDUpdater(fs.get(), uri, descriptor.get()));
+            kz::P<CVMDKSparseExtentFile> extent(new CVMDKSparseExtentFile(
+                stream.get(), kz::IIOStream::AccessReadWrite, 0, 1, cache.get(), nullptr,
+                updater.get(), nullptr, kz::TCryptBuffer<>(), kz::TBuffer<unsigned char>()));
+            // First text that compresses well, then noise over part of it, so that compressed
+            // grains outgrow their slots and move.
+            const Bytes text = harltest::makeTextLikeData(static_cast<size_t>(size), 11);
+            extent->write(text.data(), static_cast<int>(size));
+            extent->flushChanges();
+            extent->seek(0);
+            extent->write(raw.getData(), static_cast<int>(size));
+        }
+        std::string output;
+        EXPECT_EQ(harltest::runQemuImg({"check", "-f", "vmdk", folder.file(name)}, &output), 0)
+            << output;
+        EXPECT_EQ(harltest::runQemuImg({"compare", "-f", "vmdk", "-F", "raw", folder.file(name),
+                                        folder.file("raw.img")},
+                                       &output),
+                  0)
+            << name << ": " << output;
+    }
+}
+
+}  // namespace
