@@ -42,6 +42,11 @@ public:
 
     bool isTrailDirty() const { return trailDirty; }
 
+    long long getGrainSizeSectors() const { return grainSizeSectors; }
+
+    // Where new slots start: every multiple of this, in sectors.
+    long long getGrainAlignmentSectors() const { return grainAlignmentSectors; }
+
 protected:
     ~CVMDKGrainAllocator() override;
 
