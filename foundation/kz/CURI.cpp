@@ -427,32 +427,44 @@ CURI CURI::toNormalized() const {
 }
 
 String CURI::toString(bool readable) const {
+    // Appended piece by piece: "x" + std::string temporaries trip a false -Wrestrict in g++ 12
+    // at -O3.
     std::string out;
     if (!scheme.isEmpty()) {
-        out += scheme.toUTF8() + ":";
+        out += scheme.toUTF8();
+        out += ':';
     }
     if (authority) {
         out += "//";
         if (!user.isEmpty() || !authInfo.isEmpty()) {
             out += encode(user, Part::User, readable);
-            out += authInfo.isEmpty() ? "" : ":" + encode(authInfo, Part::AuthInfo, readable);
-            out += "@";
+            if (!authInfo.isEmpty()) {
+                out += ':';
+                out += encode(authInfo, Part::AuthInfo, readable);
+            }
+            out += '@';
         }
         out += isIPLiteral(host.toUTF8()) ? host.toUTF8() : encode(host, Part::Host, readable);
-        out += port >= 0 ? ":" + std::to_string(port) : "";
+        if (port >= 0) {
+            out += ':';
+            out += std::to_string(port);
+        }
     }
     const bool relative = scheme.isEmpty() && !authority;
     if (!authority && path.startsWith("//")) {
         // Without an authority the path may not begin with "//"; "/%2F" decodes to the same.
-        out += "/%2F" + encode(path.substring(2), Part::Path, readable);
+        out += "/%2F";
+        out += encode(path.substring(2), Part::Path, readable);
     } else {
         out += encode(path, relative ? Part::FirstSegment : Part::Path, readable);
     }
     if (queryPresent) {
-        out += "?" + encode(query, Part::QueryOrFragment, readable);
+        out += '?';
+        out += encode(query, Part::QueryOrFragment, readable);
     }
     if (fragmentPresent) {
-        out += "#" + encode(fragment, Part::QueryOrFragment, readable);
+        out += '#';
+        out += encode(fragment, Part::QueryOrFragment, readable);
     }
     return String(out);
 }
