@@ -133,10 +133,10 @@ void CVMDKDisk::write(const void* buffer, int bytes) {
     }
 }
 
-void CVMDKDisk::readPreparedGrainData(kz::TBuffer<unsigned char>& buffer) {
+void CVMDKDisk::checkPreparedGrainRange(const char* what) const {
     if (grainSizeBytes > sizeBytes - position) {
         throw kz::CIOError(kz::CIOError::WritePastEnd,
-                           "Prepared grain read exceeds VMDK disk size.",
+                           kz::String("Prepared grain ") + what + " exceeds VMDK disk size.",
                            mainFileProps()
                                .add("position", position)
                                .add("grainSize", grainSizeBytes)
@@ -145,9 +145,14 @@ void CVMDKDisk::readPreparedGrainData(kz::TBuffer<unsigned char>& buffer) {
     if (position % grainSizeBytes != 0) {
         throw kz::CIOError(
             kz::CIOError::OffGrainBoundary,
-            "Prepared grain read in VMDK disk can only be done on a grain boundary.",
+            kz::String("Prepared grain ") + what +
+                " in VMDK disk can only be done on a grain boundary.",
             mainFileProps().add("position", position).add("grainSize", grainSizeBytes));
     }
+}
+
+void CVMDKDisk::readPreparedGrainData(kz::TBuffer<unsigned char>& buffer) {
+    checkPreparedGrainRange("read");
     kz::P<IVMDKExtentFile> extent;
     long long opBytes = 0;
     beginIOOp(grainSizeBytes, extent, opBytes);
@@ -157,20 +162,7 @@ void CVMDKDisk::readPreparedGrainData(kz::TBuffer<unsigned char>& buffer) {
 }
 
 void CVMDKDisk::writePreparedGrainData(const kz::TBuffer<unsigned char>& buffer) {
-    if (grainSizeBytes > sizeBytes - position) {
-        throw kz::CIOError(kz::CIOError::WritePastEnd,
-                           "Prepared grain write exceeds VMDK disk size.",
-                           mainFileProps()
-                               .add("position", position)
-                               .add("grainSize", grainSizeBytes)
-                               .add("diskSize", sizeBytes));
-    }
-    if (position % grainSizeBytes != 0) {
-        throw kz::CIOError(
-            kz::CIOError::OffGrainBoundary,
-            "Prepared grain write in VMDK disk can only be done on a grain boundary.",
-            mainFileProps().add("position", position).add("grainSize", grainSizeBytes));
-    }
+    checkPreparedGrainRange("write");
     if (access != kz::IIOStream::AccessReadWrite) {
         throw kz::CError(kNotWritable);
     }

@@ -139,6 +139,8 @@ protected:
 
 private:
     void openExtentAtPosition();
+    // The size test, then the grain boundary test, of a prepared grain read or write.
+    void checkPreparedGrainRange(const char* what) const;
     void testGrainOpBytes(long long opBytes, const char* message) const;
     kz::CProps mainFileProps() const;
 

@@ -287,20 +287,24 @@ void CVMDKSparseExtentFile::checkPreparedGrainRange(bool write) {
     }
 }
 
+void CVMDKSparseExtentFile::checkWholeGrain(long long chunk, const char* operation) const {
+    if (chunk != grainSizeBytes) {
+        throw kz::CError(kz::String("Internal error: CVMDKSparseExtentFile::beginIOOp in "
+                                    "CVMDKSparseExtentFile::") +
+                             operation + " returned less than the grain size.",
+                         kz::String(), -1,
+                         uriProps()
+                             .add("position", position)
+                             .add("grainSize", grainSizeBytes)
+                             .add("toWrite", chunk)
+                             .add("extentSize", capacityBytes));
+    }
+}
+
 void CVMDKSparseExtentFile::readPreparedGrainData(kz::TBuffer<unsigned char>& data) {
     checkPreparedGrainRange(false);
     const long long chunk = beginIOOp(grainSizeBytes);
-    if (chunk != grainSizeBytes) {
-        throw kz::CError(
-            "Internal error: CVMDKSparseExtentFile::beginIOOp in "
-            "CVMDKSparseExtentFile::tryReadPreparedGrainData returned less than the grain size.",
-            kz::String(), -1,
-            uriProps()
-                .add("position", position)
-                .add("grainSize", grainSizeBytes)
-                .add("toWrite", chunk)
-                .add("extentSize", capacityBytes));
-    }
+    checkWholeGrain(chunk, "tryReadPreparedGrainData");
     grain->readPreparedGrainData(data);
     position += chunk;
 }
@@ -309,17 +313,7 @@ void CVMDKSparseExtentFile::writePreparedGrainData(const kz::TBuffer<unsigned ch
     checkPreparedGrainRange(true);
     onAboutToChange();
     const long long chunk = beginIOOp(grainSizeBytes);
-    if (chunk != grainSizeBytes) {
-        throw kz::CError(
-            "Internal error: CVMDKSparseExtentFile::beginIOOp in "
-            "CVMDKSparseExtentFile::writePreparedGrainData returned less than the grain size.",
-            kz::String(), -1,
-            uriProps()
-                .add("position", position)
-                .add("grainSize", grainSizeBytes)
-                .add("toWrite", chunk)
-                .add("extentSize", capacityBytes));
-    }
+    checkWholeGrain(chunk, "writePreparedGrainData");
     grain->writePreparedGrainData(data);
     position += chunk;
 }

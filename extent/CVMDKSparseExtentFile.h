@@ -93,6 +93,8 @@ private:
     void checkGeometry();
     kz::TBuffer<unsigned char> makeTrailData();
     void checkPreparedGrainRange(bool write);
+    // The internal error of a prepared operation that found less than a grain before it.
+    void checkWholeGrain(long long chunk, const char* operation) const;
 
     kz::P<kz::IIOStream> stream;
     kz::IIOStream::Access access;
