@@ -1,10 +1,13 @@
 #include "disk/CVMDKDisk.h"
 
+#include "extent/CVMDKContentIDUpdater.h"
 #include "format/VMDKMarkers.h"
 #include "foundation/kz/CError.h"
 #include "foundation/kz/CIOError.h"
 #include "foundation/kz/CInvalidArgError.h"
+#include "foundation/kz/CLockFile.h"
 #include "foundation/kz/Log.h"
+#include "grain/CVMDKGrainTableCache.h"
 
 #include <algorithm>
 #include <exception>
@@ -34,8 +37,20 @@ CVMDKDisk::CVMDKDisk(kz::IFileSystem* fileSystem, const kz::CURI& mainFileURI,
       mainFileURI(mainFileURI.toNormalized()),
       access(access),
       compressionLevel(compressionLevel),
+      grainTableCache(new CVMDKGrainTableCache),
       grainSizeSectors(getGrainSizeSectors()),
       grainSizeBytes(getGrainSizeSectors() * kSectorSizeBytes) {
+}
+
+void CVMDKDisk::setAutomaticGrainTableFlushingEnabled(bool enabled) {
+    const kz::P<CVMDKGrainTableCache> cache = grainTableCache;
+    cache->setAutoEnforceLimit(enabled);
+}
+
+void CVMDKDisk::setContentIDUpdatesEnabled(bool enabled) {
+    if (contentIDUpdater) {
+        contentIDUpdater->setContentIDUpdatesEnabled(enabled);
+    }
 }
 
 CVMDKDisk::~CVMDKDisk() {

@@ -2,8 +2,10 @@
 
 #include "descriptor/CVMDKDescriptor.h"
 #include "descriptor/CVMDKExtentInfo.h"
+#include "extent/CVMDKContentIDUpdater.h"
 #include "extent/IVMDKExtentFile.h"
 #include "foundation/kz/CBase.h"
+#include "foundation/kz/CLockFile.h"
 #include "foundation/kz/CProps.h"
 #include "foundation/kz/CURI.h"
 #include "foundation/kz/Containers.h"
@@ -12,6 +14,7 @@
 #include "foundation/kz/P.h"
 #include "foundation/kz/TBuffer.h"
 #include "foundation/vesk/ICipher.h"
+#include "grain/CVMDKGrainTableCache.h"
 #include "grain/IVMDKDataProvider.h"
 
 namespace harl {
@@ -102,6 +105,16 @@ public:
 
     kz::P<CVMDKDescriptor> getDescriptor() const { return descriptor; }
 
+    // The cache of grain tables that the disk's extents share.
+    kz::P<CVMDKGrainTableCache> getGrainTableCache() const { return grainTableCache; }
+
+    // Whether the table cache writes and drops tables beyond its limit as it goes. A cache
+    // shared with other disks changes for them too.
+    void setAutomaticGrainTableFlushingEnabled(bool enabled);
+
+    // Whether the first change of the opened disk gives it a new content ID.
+    void setContentIDUpdatesEnabled(bool enabled);
+
     // A new preparer with this disk's grain size, compression and level. It carries no
     // cipher: prepared grains are in the clear.
     kz::P<CVMDKDataPreparer> createDataPreparer() const;
@@ -152,6 +165,7 @@ private:
     kz::IIOStream::Access access;
     kz::CURI firstExtentFileURI;
     int compressionLevel;
+    kz::P<CVMDKGrainTableCache> grainTableCache;
     kz::CURI parentDiskMainURI;
     kz::P<IVMDKDataProvider> parentDataProvider;
     kz::P<CVMDKDescriptor> descriptor;
@@ -167,7 +181,9 @@ private:
     kz::CURI currentExtentURI;
     long long currentExtentStartBytes = -1;
     long long currentExtentSizeBytes = 0;
+    kz::P<CVMDKContentIDUpdater> contentIDUpdater;
     [[maybe_unused]] bool createExtentFilesOnDemand = false;
+    kz::P<kz::CLockFile> lockFile;
     kz::P<vesk::ICipher> cipher;
     kz::TCryptBuffer<unsigned char> encryptionKey;
     kz::TBuffer<unsigned char> encryptionIV;
