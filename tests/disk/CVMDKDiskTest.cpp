@@ -18,6 +18,7 @@ namespace {
 using harltest::CRecordingDataProvider;
 using harltest::thrownText;
 using Trace = std::vector<std::string>;
+using Providers = std::map<std::string, harl::IVMDKDataProvider*>;
 
 const std::string kMain = "[mainFileURI=file:///d/disk.vmdk";
 const kz::IIOStream::Access kRead = kz::IIOStream::AccessRead;
@@ -80,7 +81,7 @@ public:
     using Lines = std::vector<std::pair<std::string, long long>>;
 
     CTestDisk(CWorld& world, kz::IIOStream::Access access, const Lines& lines,
-              std::map<std::string, harl::IVMDKDataProvider*> providers)
+              Providers providers)
         : CVMDKDisk(nullptr, kz::CURI("file:///d/disk.vmdk"), access, -1),
           world(world),
           providers(std::move(providers)) {
@@ -103,7 +104,7 @@ protected:
 
 private:
     CWorld& world;
-    std::map<std::string, harl::IVMDKDataProvider*> providers;
+    Providers providers;
 };
 
 // a: disk bytes 0-2047 from the provider; z: an empty line; b: 2048-3071, zeros;
@@ -113,8 +114,7 @@ protected:
     kz::P<CTestDisk> makeDisk(kz::IIOStream::Access access) {
         return kz::makeP<CTestDisk>(world, access,
                                     CTestDisk::Lines{{"a", 4}, {"z", 0}, {"b", 2}, {"c", 6}},
-                                    std::map<std::string, harl::IVMDKDataProvider*>{
-                                        {"a", provider.get()}, {"c", provider.get()}});
+                                    Providers{{"a", provider.get()}, {"c", provider.get()}});
     }
 
     Trace takeTrace() { return std::exchange(world.trace, Trace()); }
@@ -127,7 +127,6 @@ protected:
 TEST_F(CVMDKDiskTest, ReadsCutAtEveryBoundaryWithOneExtentOpen) {
     auto disk = makeDisk(kRead);
     EXPECT_EQ(disk->getFirstExtentFileURI(), kz::CURI("file:///d/a"));
-    EXPECT_EQ(disk->createDataPreparer()->getWorstCaseGrainSizeSectors(), 2);
     disk->read(buffer, 6144);
     EXPECT_EQ(takeTrace(),
               (Trace{"open a 0", "read a 0 2048", "flush a", "close a", "open b 2", "read b 0 1024",
@@ -206,8 +205,7 @@ TEST_F(CVMDKDiskTest, PreparedGrainsAtTheLastGrainAndPastTheEnd) {
 }
 
 TEST_F(CVMDKDiskTest, GrainsCutByAnExtentBoundaryFailOnlyPreparedIO) {
-    auto disk = kz::makeP<CTestDisk>(world, kWrite, CTestDisk::Lines{{"a", 3}, {"b", 3}},
-                                     std::map<std::string, harl::IVMDKDataProvider*>());
+    auto disk = kz::makeP<CTestDisk>(world, kWrite, CTestDisk::Lines{{"a", 3}, {"b", 3}}, Providers());
     kz::TBuffer<unsigned char> grain;
     disk->seek(1024);
     const std::string cut = " returned less than the grain size. " + kMain +

@@ -9,6 +9,7 @@
 #include "foundation/kz/CBufferStream.h"
 #include "foundation/kz/CFileSystemError.h"
 #include "foundation/kz/CIOError.h"
+#include "tests/support/SampleData.h"
 #include "tests/support/ThrownText.h"
 
 namespace {
@@ -16,7 +17,8 @@ namespace {
 using kz::CBufferStream;
 using kz::COptimizingIOStream;
 using kz::P;
-using Bytes = std::vector<unsigned char>;
+using harltest::Bytes;
+using harltest::makeRandomData;
 
 // A stream in memory that records the raw calls made on it and can refuse writes.
 class CRecordingStream : public CBufferStream {
@@ -48,15 +50,6 @@ public:
     int flushes = 0;
     bool failWrites = false;
 };
-
-Bytes pattern(size_t size, unsigned seed) {
-    Bytes bytes(size);
-    std::mt19937 random(seed);
-    for (unsigned char& byte : bytes) {
-        byte = static_cast<unsigned char>(random());
-    }
-    return bytes;
-}
 
 Bytes contentOf(CBufferStream& stream) {
     const auto& buffer = stream.getBuffer();
@@ -96,7 +89,7 @@ TEST(COptimizingIOStreamTest, MatchesAnUnbufferedStreamOverASeededRandomMix) {
                     << step;
                 ASSERT_EQ(actual, expected) << step;
             } else if (op < 18) {
-                const Bytes data = pattern(randomSize(random), step);
+                const Bytes data = makeRandomData(randomSize(random), step);
                 const int size = static_cast<int>(data.size());
                 reference->write(data.data(), size, nullptr);
                 buffered->write(data.data(), size, nullptr);
@@ -124,12 +117,12 @@ TEST(COptimizingIOStreamTest, GathersSmallAccessesAndPassesLargeOnesThrough) {
     P<CRecordingStream> raw(new CRecordingStream);
     P<COptimizingIOStream> stream(new COptimizingIOStream(raw.get()));
 
-    const Bytes sector = pattern(512, 1);
+    const Bytes sector = makeRandomData(512, 1);
     for (int i = 0; i < grain / 512; ++i) {
         stream->write(sector.data(), 512, nullptr);
     }
     EXPECT_TRUE(raw->writes.empty());
-    const Bytes data = pattern(3 * grain, 2);
+    const Bytes data = makeRandomData(3 * grain, 2);
     stream->write(data.data(), grain, nullptr);
     EXPECT_EQ(raw->writes, std::vector<int>{grain});
     EXPECT_EQ(raw->lastWriteSource, data.data());  // no copy on the way
@@ -179,7 +172,7 @@ TEST(COptimizingIOStreamTest, GathersSmallAccessesAndPassesLargeOnesThrough) {
 TEST(COptimizingIOStreamTest, FailedWriteBackStaysDirtyAndErrorsPassThrough) {
     P<CRecordingStream> raw(new CRecordingStream);
     P<COptimizingIOStream> stream(new COptimizingIOStream(raw.get()));
-    const Bytes data = pattern(70000, 3);
+    const Bytes data = makeRandomData(70000, 3);
     raw->failWrites = true;
     stream->write(data.data(), 100, nullptr);
     EXPECT_EQ(harltest::thrownText<kz::CFileSystemError>([&] { stream->flush(); }),

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <vector>
 
 #include "foundation/kz/CError.h"
@@ -10,11 +11,13 @@
 #include "tests/support/CLogCapture.h"
 #include "tests/support/CRecordingStream.h"
 #include "tests/support/GrainMetadataLayout.h"
+#include "tests/support/ThrownText.h"
 
 namespace {
 
 using harl::CVMDKGrainTable;
 using Write = harltest::CRecordingStream::CWrite;
+using harltest::thrownText;
 
 constexpr int kGrains = 8;
 constexpr long long kGrainSectors = 128;
@@ -60,14 +63,9 @@ TEST_F(CVMDKGrainTableTest, ReadsEntriesWithinItsBounds) {
     EXPECT_EQ(slot, 3);
     tracked->getGrainInfo(kGrains - 1, pos, slot);
     for (long long bad : {-1LL, 8LL}) {
-        try {
-            tracked->getGrainInfo(bad, pos, slot);
-            FAIL() << bad;
-        } catch (const kz::CInvalidArgError& error) {
-            EXPECT_EQ(error.getWhere(), "CVMDKGrainTable::getGrainInfo");
-            EXPECT_EQ(error.getMessage(), "Invalid grain index: " + kz::String::number(bad));
-            EXPECT_EQ(error.getProps().toString(), "uri=file:///x/a.vmdk");
-        }
+        EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { tracked->getGrainInfo(bad, pos, slot); }),
+                  "-1 CVMDKGrainTable::getGrainInfo: Invalid grain index: " + std::to_string(bad) +
+                      " [uri=file:///x/a.vmdk]");
     }
     open(false)->getGrainInfo(1, pos, slot);
     EXPECT_EQ(slot, kGrainSectors);
@@ -76,14 +74,12 @@ TEST_F(CVMDKGrainTableTest, ReadsEntriesWithinItsBounds) {
     // redundant copy lies there, which a flush would write, is refused before it is read.
     EXPECT_THROW(CVMDKGrainTable(stream.get(), kz::IIOStream::AccessRead, 1, 4, 0, 0, 1),
                  kz::CIOError);
-    try {
-        CVMDKGrainTable(stream.get(), kz::IIOStream::AccessReadWrite, 1, kTable, 4, 0, kGrains);
-        FAIL();
-    } catch (const kz::CIOError& error) {
-        EXPECT_EQ(error.getMessage(),
-                  "VMDK redundant grain table lies beyond the end of the file (position: 4 "
-                  "sectors).");
-    }
+    EXPECT_EQ(thrownText<kz::CIOError>([&] {
+                  CVMDKGrainTable(stream.get(), kz::IIOStream::AccessReadWrite, 1, kTable, 4, 0,
+                                  kGrains);
+              }),
+              "5 VMDK redundant grain table lies beyond the end of the file (position: 4 "
+              "sectors). [uri=file:///x/a.vmdk]");
     EXPECT_NO_THROW(CVMDKGrainTable(stream.get(), kz::IIOStream::AccessRead, 1, kTable, 4, 0, 8));
 }
 
@@ -98,14 +94,9 @@ TEST_F(CVMDKGrainTableTest, SetGrainInfoChecksInOrderBeforeAnyChange) {
               "opened for writing.");
 
     kz::P<CVMDKGrainTable> tracked = open(true);
-    try {
-        tracked->setGrainInfo(2, 77, -1);
-        FAIL();
-    } catch (const kz::CInvalidArgError& error) {
-        EXPECT_EQ(error.getMessage(), "Invalid grain slot size.");
-        EXPECT_EQ(error.getProps().toString(),
-                  "uri=file:///x/a.vmdk, slotSizeSectors=-1, grainSizeSectors=128, posSectors=77");
-    }
+    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { tracked->setGrainInfo(2, 77, -1); }),
+              "-1 CVMDKGrainTable::setGrainInfo: Invalid grain slot size. [uri=file:///x/a.vmdk, "
+              "slotSizeSectors=-1, grainSizeSectors=128, posSectors=77]");
     // Values too wide for their entries are refused, not cut.
     EXPECT_EQ(refusal(tracked, 2, 1LL << 32, 3), "Invalid grain position: 4294967296");
     EXPECT_EQ(refusal(tracked, 2, 77, 1 << 16),
