@@ -80,8 +80,7 @@ class CTestDisk : public harl::CVMDKDisk {
 public:
     using Lines = std::vector<std::pair<std::string, long long>>;
 
-    CTestDisk(CWorld& world, kz::IIOStream::Access access, const Lines& lines,
-              Providers providers)
+    CTestDisk(CWorld& world, kz::IIOStream::Access access, const Lines& lines, Providers providers)
         : CVMDKDisk(nullptr, kz::CURI("file:///d/disk.vmdk"), access, -1),
           world(world),
           providers(std::move(providers)) {
@@ -163,12 +162,11 @@ TEST_F(CVMDKDiskTest, RangeAndAccessErrorsComeBeforeAnyExtentOpens) {
               "-1 Internal error: cannot find VMDK extent for position 6144 "
               "[mainURI=file:///d/disk.vmdk]");
     disk->seek(0);
+    const std::string notWritable = " was called, but the disk was not opened for writing.";
     EXPECT_EQ(thrownText<kz::CError>([&] { disk->write(buffer, -1); }),
-              "-1 Internal error: CVMDKDisk::write was called, but the disk was not opened for "
-              "writing.");
+              "-1 Internal error: CVMDKDisk::write" + notWritable);
     EXPECT_EQ(thrownText<kz::CError>([&] { disk->makeGrainIndependentOfParent(0); }),
-              "-1 Internal error: CVMDKDisk::makeGrainIndependentOfParent was called, but the "
-              "disk was not opened for writing.");
+              "-1 Internal error: CVMDKDisk::makeGrainIndependentOfParent" + notWritable);
     EXPECT_TRUE(takeTrace().empty());
 
     auto writable = makeDisk(kWrite);
@@ -205,7 +203,8 @@ TEST_F(CVMDKDiskTest, PreparedGrainsAtTheLastGrainAndPastTheEnd) {
 }
 
 TEST_F(CVMDKDiskTest, GrainsCutByAnExtentBoundaryFailOnlyPreparedIO) {
-    auto disk = kz::makeP<CTestDisk>(world, kWrite, CTestDisk::Lines{{"a", 3}, {"b", 3}}, Providers());
+    auto disk =
+        kz::makeP<CTestDisk>(world, kWrite, CTestDisk::Lines{{"a", 3}, {"b", 3}}, Providers());
     kz::TBuffer<unsigned char> grain;
     disk->seek(1024);
     const std::string cut = " returned less than the grain size. " + kMain +

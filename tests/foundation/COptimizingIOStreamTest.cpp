@@ -14,11 +14,11 @@
 
 namespace {
 
+using harltest::Bytes;
+using harltest::makeRandomData;
 using kz::CBufferStream;
 using kz::COptimizingIOStream;
 using kz::P;
-using harltest::Bytes;
-using harltest::makeRandomData;
 
 // A stream in memory that records the raw calls made on it and can refuse writes.
 class CRecordingStream : public CBufferStream {

@@ -51,7 +51,8 @@ struct CVMDKGrainDirectoryTest : ::testing::Test {
     template <class Error = kz::CIOError>
     std::string openError(bool compressed = false, long long capacity = kCapacitySectors,
                           long long grainSectors = kGrainSectors, int perTable = kPerTable) {
-        return harltest::thrownText<Error>([&] { open(compressed, capacity, grainSectors, perTable); });
+        return harltest::thrownText<Error>(
+            [&] { open(compressed, capacity, grainSectors, perTable); });
     }
 
     kz::P<harltest::CRecordingStream> stream{new harltest::CRecordingStream(kz::CURI(kURI))};
@@ -87,9 +88,10 @@ TEST_F(CVMDKGrainDirectoryTest, ReadsTablesInAlignedBatches) {
     EXPECT_EQ(stream->readCount - readsBefore, 8);
 
     for (long long bad : {-1LL, kTables}) {
-        EXPECT_EQ(harltest::thrownText<kz::CInvalidArgError>([&] { directory->getGrainTable(bad); }),
-                  "-1 CVMDKGrainDirectory::getGrainTable: invalid table index: " +
-                      std::to_string(bad) + " [uri=file:///x/a.vmdk]");
+        EXPECT_EQ(
+            harltest::thrownText<kz::CInvalidArgError>([&] { directory->getGrainTable(bad); }),
+            "-1 CVMDKGrainDirectory::getGrainTable: invalid table index: " + std::to_string(bad) +
+                " [uri=file:///x/a.vmdk]");
     }
     // A small negative grain index reaches table 0, which refuses it.
     EXPECT_THROW(directory->getGrainInfo(-1, pos, slot), kz::CInvalidArgError);
@@ -120,7 +122,8 @@ TEST_F(CVMDKGrainDirectoryTest, SlotDirectoryMissingOrOfTheWrongLength) {
     layOut();  // the file ends where the marker would stand
     EXPECT_FALSE(open(false)->getHaveSlotSizeInfo());
     const std::string missing = openError<kz::CError>(true);
-    EXPECT_EQ(missing, "-1 Slot size directory not found in compressed VMDK. [uri=file:///x/a.vmdk]");
+    EXPECT_EQ(missing,
+              "-1 Slot size directory not found in compressed VMDK. [uri=file:///x/a.vmdk]");
 
     layOut({.slotSizes = true, .slotMarkerValue = 2});
     harltest::CLogCapture log;
@@ -136,13 +139,16 @@ TEST_F(CVMDKGrainDirectoryTest, SlotDirectoryMissingOrOfTheWrongLength) {
 TEST_F(CVMDKGrainDirectoryTest, RefusesCorruptCountsAndOffsetsWithoutLargeAllocations) {
     layOut({.slotSizes = true});
     for (auto [capacity, grainSectors, perTable] :
-         {std::tuple{64LL, 8LL, 0}, {-1, 8, 128}, {64, 0, 128},
+         {std::tuple{64LL, 8LL, 0},
+          {-1, 8, 128},
+          {64, 0, 128},
           {64, 8, harl::CVMDKGrainTable::kMaxGrainCount + 1}}) {
-        EXPECT_EQ(openError(false, capacity, grainSectors, perTable),
-                  "5 VMDK file has an invalid grain geometry (capacity: " +
-                      std::to_string(capacity) + " sectors, grain size: " +
-                      std::to_string(grainSectors) + " sectors, grains per table: " +
-                      std::to_string(perTable) + "). [uri=file:///x/a.vmdk]");
+        EXPECT_EQ(
+            openError(false, capacity, grainSectors, perTable),
+            "5 VMDK file has an invalid grain geometry (capacity: " + std::to_string(capacity) +
+                " sectors, grain size: " + std::to_string(grainSectors) +
+                " sectors, grains per table: " + std::to_string(perTable) +
+                "). [uri=file:///x/a.vmdk]");
     }
 
     // An extent of an exabyte in a file of 1 MiB: its directory would take 128 GiB. Positions

@@ -378,21 +378,16 @@ TEST_F(CVMDKGrainFixture, ErrorsCarryTheirTextsAndProperties) {
                   ", position=65535, bytesToRead=2]");
     EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->write(bytes.data(), 2); }),
               "3 Cannot write 2 bytes to grain. Grain size exceeded. " + uri + "]");
-    const std::string at = uri + ", posInGrain=65535, diskGrainIndex=6, extentGrainIndex=0";
+    const std::string notAtZero = " can only be called when the position in the grain is 0. " +
+                                  uri + ", posInGrain=65535, diskGrainIndex=6, extentGrainIndex=0";
     Buffer prepared(1);
     EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->readPreparedGrainData(prepared); }),
-              "3 CVMDKGrain::tryReadPreparedGrainData can only be called when the position in "
-              "the grain is 0. " +
-                  at + "]");
+              "3 CVMDKGrain::tryReadPreparedGrainData" + notAtZero + "]");
     prepared.setUsed(1);
     EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->makeIndependentOfParent(); }),
-              "3 CVMDKGrain::makeIndependentOfParent can only be called when the position in the "
-              "grain is 0. " +
-                  at + "]");
+              "3 CVMDKGrain::makeIndependentOfParent" + notAtZero + "]");
     EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->writePreparedGrainData(prepared); }),
-              "3 CVMDKGrain::writePreparedGrainData can only be called when the position in the "
-              "grain is 0. " +
-                  at + ", preparedDataSize=1]");
+              "3 CVMDKGrain::writePreparedGrainData" + notAtZero + ", preparedDataSize=1]");
     grain->seek(0);
     EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->writePreparedGrainData(prepared); }),
               "5 CVMDKGrain::writePreparedGrainData called with data that is not a prepared "
