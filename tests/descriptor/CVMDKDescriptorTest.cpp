@@ -13,6 +13,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -45,13 +46,8 @@ std::string store(CVMDKDescriptor& descriptor, int targetSize, size_t padSize) {
 }
 
 TEST(CVMDKDescriptorTest, KeepsEveryLineAndWritesEachByItsClass) {
-    struct Case {
-        std::string text;
-        size_t entries;
-        std::string written;
-    };
-
-    for (const Case& c : {
+    using Case = std::tuple<std::string, size_t, std::string>;  // text, entries, written
+    for (const auto& [text, entries, written] : {
              Case{"a=1\n", 1, "a=1\n"},
              Case{"a=1", 1, "a=1\n"},
              Case{"a=1\n\n", 2, "a=1\n\n"},
@@ -65,9 +61,9 @@ TEST(CVMDKDescriptorTest, KeepsEveryLineAndWritesEachByItsClass) {
              Case{"a\n" + std::string(1 << 18, '\n'), (1 << 18) + 1,
                   "a\n" + std::string(1 << 18, '\n')},
          }) {
-        kz::P<CVMDKDescriptor> descriptor = parse(c.text);
-        EXPECT_EQ(descriptor->getEntries().size(), c.entries) << c.text.substr(0, 40);
-        EXPECT_EQ(descriptor->toString(), c.written) << c.text.substr(0, 40);
+        kz::P<CVMDKDescriptor> descriptor = parse(text);
+        EXPECT_EQ(descriptor->getEntries().size(), entries) << text.substr(0, 40);
+        EXPECT_EQ(descriptor->toString(), written) << text.substr(0, 40);
     }
 }
 

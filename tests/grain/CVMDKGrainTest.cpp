@@ -251,13 +251,15 @@ TEST_P(CVMDKGrainTest, MakesGrainsIndependentWithoutLosingChanges) {
     EXPECT_EQ(readBack(1, 9), parentWith(9, part, 0));
 }
 
+std::string formName(const testing::TestParamInfo<Form>& info) {
+    return std::string(info.param.compressed ? "Compressed" : "Plain") +
+           (info.param.encrypted ? "Encrypted" : "");
+}
+
 INSTANTIATE_TEST_SUITE_P(Forms, CVMDKGrainTest,
                          testing::Values(Form{false, false}, Form{false, true}, Form{true, false},
                                          Form{true, true}),
-                         [](const auto& info) {
-                             return std::string(info.param.compressed ? "Compressed" : "Plain") +
-                                    (info.param.encrypted ? "Encrypted" : "");
-                         });
+                         formName);
 
 using CVMDKCompressedGrainTest = CVMDKGrainTest;
 
@@ -320,10 +322,7 @@ TEST_P(CVMDKCompressedGrainTest, ReadsASizeOfTwiceAGrainAndRefusesMoreOrCorruptD
 }
 
 INSTANTIATE_TEST_SUITE_P(Forms, CVMDKCompressedGrainTest,
-                         testing::Values(Form{true, false}, Form{true, true}),
-                         [](const auto& info) {
-                             return std::string(info.param.encrypted ? "Encrypted" : "Plain");
-                         });
+                         testing::Values(Form{true, false}, Form{true, true}), formName);
 
 // Prepared grains are in the clear: they pass between extents with other keys, whether the
 // source held them in memory or read them from its file.
