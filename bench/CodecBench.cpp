@@ -1,10 +1,10 @@
 // Speed of the grain path's codecs on 64 KiB grains: both deflate engines at level 1 and
 // AES-256-CBC, on data that compresses like a used file system and on random data.
 
-#include "foundation/kz/P.h"
-#include "foundation/pcu/CZLibCompressor.h"
-#include "foundation/rcu/CMiniZCompressor.h"
-#include "foundation/vesk/CCipher_AES256CBC.h"
+#include "harl/foundation/kz/P.h"
+#include "harl/foundation/pcu/CZLibCompressor.h"
+#include "harl/foundation/rcu/CMiniZCompressor.h"
+#include "harl/foundation/vesk/CCipher_AES256CBC.h"
 
 #include "tests/support/SampleData.h"
 #include <benchmark/benchmark.h>

@@ -14,14 +14,14 @@
 //   HARL_BENCH_KEEP        if set, keep the scratch folder (its path goes to stderr), so that
 //                          other tools can be timed on the same raw image.
 
-#include "descriptor/CVMDKDescriptor.h"
-#include "descriptor/CVMDKDescriptorAccessor.h"
-#include "extent/CVMDKContentIDUpdater.h"
-#include "extent/CVMDKSparseExtentFile.h"
-#include "format/VMDKFileStream.h"
-#include "foundation/kz/CLocalFileSystem.h"
-#include "grain/CVMDKGrainTableCache.h"
-#include "grain/VMDKEmptyExtent.h"
+#include "harl/descriptor/CVMDKDescriptor.h"
+#include "harl/descriptor/CVMDKDescriptorAccessor.h"
+#include "harl/extent/CVMDKContentIDUpdater.h"
+#include "harl/extent/CVMDKSparseExtentFile.h"
+#include "harl/format/VMDKFileStream.h"
+#include "harl/foundation/kz/CLocalFileSystem.h"
+#include "harl/grain/CVMDKGrainTableCache.h"
+#include "harl/grain/VMDKEmptyExtent.h"
 
 #include "tests/support/SampleData.h"
 #include <benchmark/benchmark.h>

@@ -5,10 +5,10 @@
 // Counter "allocs": heap allocations (operator new) per grain in the timed loop, 0 in steady
 // state. "fileRatio": bytes of the extent file per byte of grain data.
 
-#include "foundation/kz/CMemoryFileSystem.h"
-#include "foundation/vesk/CCipher_AES256CBC.h"
-#include "grain/CVMDKCompressor.h"
-#include "grain/CVMDKGrain.h"
+#include "harl/foundation/kz/CMemoryFileSystem.h"
+#include "harl/foundation/vesk/CCipher_AES256CBC.h"
+#include "harl/grain/CVMDKCompressor.h"
+#include "harl/grain/CVMDKGrain.h"
 
 #include "tests/support/SampleData.h"
 #include <benchmark/benchmark.h>

@@ -1,9 +1,9 @@
 // Grain look-ups through the directory and the shared table cache, on an extent of 2^20 grains
 // (2048 tables of 512 entries) laid out in memory, so that the figures show the bookkeeping
 // and the copying of table bytes, not a disk.
-#include "foundation/kz/CBufferStream.h"
-#include "grain/CVMDKGrainDirectory.h"
-#include "grain/CVMDKGrainTableCache.h"
+#include "harl/foundation/kz/CBufferStream.h"
+#include "harl/grain/CVMDKGrainDirectory.h"
+#include "harl/grain/CVMDKGrainTableCache.h"
 
 #include "tests/support/GrainMetadataLayout.h"
 #include <benchmark/benchmark.h>

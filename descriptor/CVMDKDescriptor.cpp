@@ -1,11 +1,11 @@
-#include "descriptor/CVMDKDescriptor.h"
+#include "harl/descriptor/CVMDKDescriptor.h"
 
-#include "descriptor/CVMDKExtentInfo.h"
-#include "format/VMDKMarkers.h"
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/Log.h"
-#include "foundation/kz/Text.h"
+#include "harl/descriptor/CVMDKExtentInfo.h"
+#include "harl/format/VMDKMarkers.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/Log.h"
+#include "harl/foundation/kz/Text.h"
 
 #include <climits>
 #include <cstring>

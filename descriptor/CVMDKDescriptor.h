@@ -1,12 +1,12 @@
 #pragma once
 
-#include "descriptor/CVMDKDescriptorEntry.h"
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/Containers.h"
-#include "foundation/kz/IOutStream.h"
-#include "foundation/kz/P.h"
-#include "foundation/kz/String.h"
-#include "foundation/kz/TBuffer.h"
+#include "harl/descriptor/CVMDKDescriptorEntry.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/Containers.h"
+#include "harl/foundation/kz/IOutStream.h"
+#include "harl/foundation/kz/P.h"
+#include "harl/foundation/kz/String.h"
+#include "harl/foundation/kz/TBuffer.h"
 
 namespace harl {
 

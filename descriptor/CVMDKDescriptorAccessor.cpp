@@ -1,11 +1,11 @@
-#include "descriptor/CVMDKDescriptorAccessor.h"
+#include "harl/descriptor/CVMDKDescriptorAccessor.h"
 
-#include "format/CVMDKSparseExtentHeader.h"
-#include "foundation/kz/CDataInStream.h"
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CMTRand.h"
-#include "foundation/kz/Log.h"
+#include "harl/format/CVMDKSparseExtentHeader.h"
+#include "harl/foundation/kz/CDataInStream.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CMTRand.h"
+#include "harl/foundation/kz/Log.h"
 
 #include <limits>
 

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "descriptor/CVMDKDescriptor.h"
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/IIOStream.h"
-#include "foundation/kz/P.h"
+#include "harl/descriptor/CVMDKDescriptor.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/IIOStream.h"
+#include "harl/foundation/kz/P.h"
 
 namespace harl {
 

@@ -1,7 +1,7 @@
-#include "descriptor/CVMDKExtentInfo.h"
+#include "harl/descriptor/CVMDKExtentInfo.h"
 
-#include "foundation/kz/CError.h"
-#include "foundation/kz/Text.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/Text.h"
 
 namespace harl {
 

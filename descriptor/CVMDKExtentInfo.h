@@ -1,8 +1,8 @@
 #pragma once
 
-#include "descriptor/CVMDKDescriptorEntry.h"
-#include "foundation/kz/P.h"
-#include "foundation/kz/String.h"
+#include "harl/descriptor/CVMDKDescriptorEntry.h"
+#include "harl/foundation/kz/P.h"
+#include "harl/foundation/kz/String.h"
 
 namespace harl {
 

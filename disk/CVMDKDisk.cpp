@@ -1,13 +1,13 @@
-#include "disk/CVMDKDisk.h"
+#include "harl/disk/CVMDKDisk.h"
 
-#include "extent/CVMDKContentIDUpdater.h"
-#include "format/VMDKMarkers.h"
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/CLockFile.h"
-#include "foundation/kz/Log.h"
-#include "grain/CVMDKGrainTableCache.h"
+#include "harl/extent/CVMDKContentIDUpdater.h"
+#include "harl/format/VMDKMarkers.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/CLockFile.h"
+#include "harl/foundation/kz/Log.h"
+#include "harl/grain/CVMDKGrainTableCache.h"
 
 #include <algorithm>
 #include <exception>

@@ -1,9 +1,9 @@
-#include "extent/CVMDKContentIDUpdater.h"
+#include "harl/extent/CVMDKContentIDUpdater.h"
 
-#include "descriptor/CVMDKDescriptor.h"
-#include "descriptor/CVMDKDescriptorAccessor.h"
-#include "extent/CVMDKSparseExtentFile.h"
-#include "format/VMDKFileStream.h"
+#include "harl/descriptor/CVMDKDescriptor.h"
+#include "harl/descriptor/CVMDKDescriptorAccessor.h"
+#include "harl/extent/CVMDKSparseExtentFile.h"
+#include "harl/format/VMDKFileStream.h"
 
 namespace harl {
 

@@ -1,8 +1,8 @@
-#include "extent/CVMDKNullExtentFile.h"
+#include "harl/extent/CVMDKNullExtentFile.h"
 
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
 
 #include <cstring>
 #include <limits>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "extent/IVMDKExtentFile.h"
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/CProps.h"
+#include "harl/extent/IVMDKExtentFile.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/CProps.h"
 
 namespace harl {
 

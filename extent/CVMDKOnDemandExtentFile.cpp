@@ -1,13 +1,13 @@
-#include "extent/CVMDKOnDemandExtentFile.h"
+#include "harl/extent/CVMDKOnDemandExtentFile.h"
 
-#include "extent/CVMDKContentIDUpdater.h"
-#include "extent/CVMDKNullExtentFile.h"
-#include "extent/CVMDKSparseExtentFile.h"
-#include "format/VMDKFileStream.h"
-#include "foundation/kz/CError.h"
-#include "foundation/vesk/ICipher.h"
-#include "grain/CVMDKGrainTableCache.h"
-#include "grain/VMDKEmptyExtent.h"
+#include "harl/extent/CVMDKContentIDUpdater.h"
+#include "harl/extent/CVMDKNullExtentFile.h"
+#include "harl/extent/CVMDKSparseExtentFile.h"
+#include "harl/format/VMDKFileStream.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/vesk/ICipher.h"
+#include "harl/grain/CVMDKGrainTableCache.h"
+#include "harl/grain/VMDKEmptyExtent.h"
 
 namespace harl {
 

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "extent/IVMDKExtentFile.h"
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/IFileSystem.h"
-#include "foundation/kz/P.h"
-#include "foundation/kz/TBuffer.h"
+#include "harl/extent/IVMDKExtentFile.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/IFileSystem.h"
+#include "harl/foundation/kz/P.h"
+#include "harl/foundation/kz/TBuffer.h"
 
 namespace vesk {
 class ICipher;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/kz/CBase.h"
+#include "harl/foundation/kz/CBase.h"
 
 namespace harl {
 

@@ -1,12 +1,12 @@
 #pragma once
 
-#include "extent/CVMDKSpaceInfo.h"
-#include "foundation/kz/CURI.h"
-#include "foundation/kz/IBase.h"
-#include "foundation/kz/P.h"
-#include "foundation/kz/TBuffer.h"
-#include "grain/CVMDKDataPreparer.h"
-#include "grain/IVMDKDataProvider.h"
+#include "harl/extent/CVMDKSpaceInfo.h"
+#include "harl/foundation/kz/CURI.h"
+#include "harl/foundation/kz/IBase.h"
+#include "harl/foundation/kz/P.h"
+#include "harl/foundation/kz/TBuffer.h"
+#include "harl/grain/CVMDKDataPreparer.h"
+#include "harl/grain/IVMDKDataProvider.h"
 
 namespace harl {
 

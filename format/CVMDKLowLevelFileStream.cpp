@@ -1,4 +1,4 @@
-#include "format/CVMDKLowLevelFileStream.h"
+#include "harl/format/CVMDKLowLevelFileStream.h"
 
 namespace harl {
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "foundation/kz/COptimizingIOStream.h"
-#include "foundation/kz/CURI.h"
-#include "foundation/kz/IFileSystem.h"
+#include "harl/foundation/kz/COptimizingIOStream.h"
+#include "harl/foundation/kz/CURI.h"
+#include "harl/foundation/kz/IFileSystem.h"
 
 namespace harl {
 

@@ -1,7 +1,7 @@
-#include "format/CVMDKSparseExtentHeader.h"
+#include "harl/format/CVMDKSparseExtentHeader.h"
 
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
 
 #include <cstring>
 

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/CDataInStream.h"
-#include "foundation/kz/CDataOutStream.h"
-#include "foundation/kz/TBuffer.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/CDataInStream.h"
+#include "harl/foundation/kz/CDataOutStream.h"
+#include "harl/foundation/kz/TBuffer.h"
 
 #include <cstdint>
 

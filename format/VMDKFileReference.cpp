@@ -1,6 +1,6 @@
-#include "format/VMDKFileReference.h"
+#include "harl/format/VMDKFileReference.h"
 
-#include "foundation/kz/TPathImpl.h"
+#include "harl/foundation/kz/TPathImpl.h"
 
 namespace harl {
 

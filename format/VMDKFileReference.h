@@ -1,7 +1,7 @@
 #pragma once
 
-#include "foundation/kz/CURI.h"
-#include "foundation/kz/String.h"
+#include "harl/foundation/kz/CURI.h"
+#include "harl/foundation/kz/String.h"
 
 namespace harl {
 

@@ -1,6 +1,6 @@
-#include "format/VMDKFileStream.h"
+#include "harl/format/VMDKFileStream.h"
 
-#include "format/CVMDKLowLevelFileStream.h"
+#include "harl/format/CVMDKLowLevelFileStream.h"
 
 namespace harl {
 

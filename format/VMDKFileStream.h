@@ -1,9 +1,9 @@
 #pragma once
 
-#include "foundation/kz/CURI.h"
-#include "foundation/kz/IFileSystem.h"
-#include "foundation/kz/IIOStream.h"
-#include "foundation/kz/P.h"
+#include "harl/foundation/kz/CURI.h"
+#include "harl/foundation/kz/IFileSystem.h"
+#include "harl/foundation/kz/IIOStream.h"
+#include "harl/foundation/kz/P.h"
 
 namespace harl {
 

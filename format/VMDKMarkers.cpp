@@ -1,9 +1,9 @@
-#include "format/VMDKMarkers.h"
+#include "harl/format/VMDKMarkers.h"
+
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
 
 #include <algorithm>
-
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CInvalidArgError.h"
 
 namespace harl {
 
@@ -19,8 +19,9 @@ unsigned int readUInt32LE(const unsigned char* bytes) {
 void writeVMDKMarker(kz::CDataOutStream& out, VMDKMarkerID id, long long value,
                      const kz::TBuffer<unsigned char>& zeroBuffer) {
     if (zeroBuffer.getUsed() < static_cast<size_t>(kMarkerFillSizeBytes)) {
-        throw kz::CInvalidArgError("harl::writeVMDKMarker", "Zero buffer too small",
-                                   kz::CProps().add("size", static_cast<long long>(zeroBuffer.getUsed())));
+        throw kz::CInvalidArgError(
+            "harl::writeVMDKMarker", "Zero buffer too small",
+            kz::CProps().add("size", static_cast<long long>(zeroBuffer.getUsed())));
     }
     out.writeInt64(value);
     out.writeUInt32(0);
@@ -57,8 +58,8 @@ void vmdkWritePadding(kz::IOutStream& out, int byteCount,
                                    kz::CProps().add("byteCount", byteCount));
     }
     while (byteCount > 0) {
-        const int chunk = static_cast<int>(
-            std::min(static_cast<size_t>(byteCount), padBuffer.getUsed()));
+        const int chunk =
+            static_cast<int>(std::min(static_cast<size_t>(byteCount), padBuffer.getUsed()));
         out.write(padBuffer.getData(), chunk, nullptr);
         byteCount -= chunk;
     }
@@ -71,9 +72,7 @@ long long getStreamPositionVMDKSectors(kz::IStreamBase& stream) {
             "Internal error in harl::getStreamPositionVMDKSectors. Stream position should be a "
             "multiple of 512 but it is not.",
             kz::String(), -1,
-            kz::CProps()
-                .add("uri", stream.getURI().toString(true))
-                .add("position", position));
+            kz::CProps().add("uri", stream.getURI().toString(true)).add("position", position));
     }
     return position / kSectorSizeBytes;
 }

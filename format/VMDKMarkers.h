@@ -1,9 +1,9 @@
 #pragma once
 
-#include "foundation/kz/CDataOutStream.h"
-#include "foundation/kz/IOutStream.h"
-#include "foundation/kz/IStreamBase.h"
-#include "foundation/kz/TBuffer.h"
+#include "harl/foundation/kz/CDataOutStream.h"
+#include "harl/foundation/kz/IOutStream.h"
+#include "harl/foundation/kz/IStreamBase.h"
+#include "harl/foundation/kz/TBuffer.h"
 
 namespace harl {
 

@@ -1,10 +1,10 @@
 // Parses arbitrary bytes as a descriptor text, reads the keys, and stores it. Parsing must
 // never fail, and a stored text must parse back to the same text.
-#include "descriptor/CVMDKDescriptor.h"
-#include "descriptor/CVMDKExtentInfo.h"
-#include "foundation/kz/CBufferStream.h"
-#include "foundation/kz/CError.h"
-#include "foundation/kz/Log.h"
+#include "harl/descriptor/CVMDKDescriptor.h"
+#include "harl/descriptor/CVMDKExtentInfo.h"
+#include "harl/foundation/kz/CBufferStream.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/Log.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -11,11 +11,11 @@
 // | 24     | 4    | grainSizeSectors                           |
 // | 28     | 4    | grainsPerTable                             |
 // | 32     | 1    | bit 0: compressed; bit 1: opened writable  |
-#include "foundation/kz/CBufferStream.h"
-#include "foundation/kz/CDataInStream.h"
-#include "foundation/kz/CError.h"
-#include "grain/CVMDKGrainDirectory.h"
-#include "grain/CVMDKGrainTableCache.h"
+#include "harl/foundation/kz/CBufferStream.h"
+#include "harl/foundation/kz/CDataInStream.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/grain/CVMDKGrainDirectory.h"
+#include "harl/grain/CVMDKGrainTableCache.h"
 
 #include <algorithm>
 #include <cstddef>

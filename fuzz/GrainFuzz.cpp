@@ -2,10 +2,10 @@
 // Input: one byte of flags (bit 0: encrypted), then the extent file from sector 1 on, where
 // the grain's slot starts. Every read must end in data or in a kz::CError; a grain that reads
 // must give the same plain bytes by the byte path and through its prepared form.
-#include "foundation/kz/CBufferStream.h"
-#include "foundation/kz/CError.h"
-#include "foundation/vesk/CCipher_AES256CBC.h"
-#include "grain/CVMDKGrain.h"
+#include "harl/foundation/kz/CBufferStream.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/vesk/CCipher_AES256CBC.h"
+#include "harl/grain/CVMDKGrain.h"
 
 #include <cstddef>
 #include <cstdint>

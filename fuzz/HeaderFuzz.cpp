@@ -1,8 +1,8 @@
 // Loads a sparse extent header from arbitrary bytes. A header that loads must store as 512
 // bytes that load again to the same record.
-#include "format/CVMDKSparseExtentHeader.h"
-#include "foundation/kz/CBufferStream.h"
-#include "foundation/kz/CError.h"
+#include "harl/format/CVMDKSparseExtentHeader.h"
+#include "harl/foundation/kz/CBufferStream.h"
+#include "harl/foundation/kz/CError.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,8 +1,8 @@
-#include "grain/CVMDKCompressor.h"
+#include "harl/grain/CVMDKCompressor.h"
 
-#include "foundation/kz/CError.h"
-#include "foundation/pcu/CZLibCompressor.h"
-#include "foundation/rcu/CMiniZCompressor.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/pcu/CZLibCompressor.h"
+#include "harl/foundation/rcu/CMiniZCompressor.h"
 
 #include <algorithm>
 

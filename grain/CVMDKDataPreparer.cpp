@@ -1,7 +1,7 @@
-#include "grain/CVMDKDataPreparer.h"
+#include "harl/grain/CVMDKDataPreparer.h"
 
-#include "foundation/kz/CInvalidArgError.h"
-#include "grain/CVMDKCompressor.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/grain/CVMDKCompressor.h"
 
 #include <cstring>
 

@@ -1,9 +1,9 @@
-#include "grain/CVMDKGrain.h"
+#include "harl/grain/CVMDKGrain.h"
 
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/Log.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/Log.h"
 
 #include <cstring>
 #include <limits>

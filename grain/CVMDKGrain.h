@@ -1,14 +1,14 @@
 #pragma once
 
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/IIOStream.h"
-#include "foundation/kz/P.h"
-#include "foundation/kz/TBuffer.h"
-#include "foundation/kz/TConstBufferSlice.h"
-#include "foundation/vesk/ICipher.h"
-#include "grain/CVMDKDataPreparer.h"
-#include "grain/IVMDKDataProvider.h"
-#include "grain/IVMDKGrainAllocator.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/IIOStream.h"
+#include "harl/foundation/kz/P.h"
+#include "harl/foundation/kz/TBuffer.h"
+#include "harl/foundation/kz/TConstBufferSlice.h"
+#include "harl/foundation/vesk/ICipher.h"
+#include "harl/grain/CVMDKDataPreparer.h"
+#include "harl/grain/IVMDKDataProvider.h"
+#include "harl/grain/IVMDKGrainAllocator.h"
 
 namespace harl {
 

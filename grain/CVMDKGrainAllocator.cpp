@@ -1,9 +1,9 @@
-#include "grain/CVMDKGrainAllocator.h"
+#include "harl/grain/CVMDKGrainAllocator.h"
 
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/Log.h"
-#include "grain/CVMDKGrainDirectory.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/Log.h"
+#include "harl/grain/CVMDKGrainDirectory.h"
 
 #include <algorithm>
 #include <cstring>

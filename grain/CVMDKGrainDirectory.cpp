@@ -1,13 +1,13 @@
-#include "grain/CVMDKGrainDirectory.h"
+#include "harl/grain/CVMDKGrainDirectory.h"
 
-#include "format/VMDKMarkers.h"
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/Log.h"
-#include "grain/CVMDKGrainTable.h"
-#include "grain/CVMDKGrainTableCache.h"
-#include "grain/VMDKEntryArrays.h"
+#include "harl/format/VMDKMarkers.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/Log.h"
+#include "harl/grain/CVMDKGrainTable.h"
+#include "harl/grain/CVMDKGrainTableCache.h"
+#include "harl/grain/VMDKEntryArrays.h"
 
 #include <algorithm>
 #include <climits>

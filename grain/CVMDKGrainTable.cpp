@@ -1,10 +1,10 @@
-#include "grain/CVMDKGrainTable.h"
+#include "harl/grain/CVMDKGrainTable.h"
 
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/Log.h"
-#include "grain/VMDKEntryArrays.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/Log.h"
+#include "harl/grain/VMDKEntryArrays.h"
 
 #include <exception>
 

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/IIOStream.h"
-#include "foundation/kz/P.h"
-#include "foundation/kz/TBuffer.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/IIOStream.h"
+#include "harl/foundation/kz/P.h"
+#include "harl/foundation/kz/TBuffer.h"
 
 namespace harl {
 

@@ -1,6 +1,6 @@
-#include "grain/CVMDKGrainTableCache.h"
+#include "harl/grain/CVMDKGrainTableCache.h"
 
-#include "grain/CVMDKGrainTable.h"
+#include "harl/grain/CVMDKGrainTable.h"
 
 #include <climits>
 

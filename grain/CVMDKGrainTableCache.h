@@ -1,8 +1,8 @@
 #pragma once
 
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/P.h"
-#include "foundation/kz/TMostRecentlyUsedCache.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/P.h"
+#include "harl/foundation/kz/TMostRecentlyUsedCache.h"
 
 #include <cstdint>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "foundation/kz/IBase.h"
-#include "foundation/kz/TConstBufferSlice.h"
+#include "harl/foundation/kz/IBase.h"
+#include "harl/foundation/kz/TConstBufferSlice.h"
 
 namespace harl {
 

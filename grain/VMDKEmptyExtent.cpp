@@ -1,11 +1,11 @@
-#include "grain/VMDKEmptyExtent.h"
+#include "harl/grain/VMDKEmptyExtent.h"
 
-#include "descriptor/CVMDKDescriptor.h"
-#include "format/CVMDKSparseExtentHeader.h"
-#include "format/VMDKFileStream.h"
-#include "format/VMDKMarkers.h"
-#include "foundation/kz/CError.h"
-#include "foundation/kz/Log.h"
+#include "harl/descriptor/CVMDKDescriptor.h"
+#include "harl/format/CVMDKSparseExtentHeader.h"
+#include "harl/format/VMDKFileStream.h"
+#include "harl/format/VMDKMarkers.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/Log.h"
 
 #include <algorithm>
 

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "foundation/kz/CDataOutStream.h"
-#include "foundation/kz/CURI.h"
-#include "foundation/kz/IFileSystem.h"
-#include "foundation/kz/TBuffer.h"
+#include "harl/foundation/kz/CDataOutStream.h"
+#include "harl/foundation/kz/CURI.h"
+#include "harl/foundation/kz/IFileSystem.h"
+#include "harl/foundation/kz/TBuffer.h"
 
 namespace harl {
 

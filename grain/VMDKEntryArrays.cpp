@@ -1,8 +1,8 @@
-#include "grain/VMDKEntryArrays.h"
+#include "harl/grain/VMDKEntryArrays.h"
 
-#include "format/VMDKMarkers.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
+#include "harl/format/VMDKMarkers.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "foundation/kz/IIOStream.h"
-#include "foundation/kz/TBuffer.h"
+#include "harl/foundation/kz/IIOStream.h"
+#include "harl/foundation/kz/TBuffer.h"
 
 namespace harl {
 

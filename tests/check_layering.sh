@@ -9,7 +9,7 @@ for i in "${!layers[@]}"; do
     above=("${layers[@]:$((i + 1))}")
     [ ${#above[@]} -eq 0 ] && continue
     pattern=$(IFS='|'; echo "${above[*]}")
-    hits=$(grep -rnE "#include \"($pattern)/" "$root/$layer" 2>/dev/null)
+    hits=$(grep -rnE "#include \"harl/($pattern)/" "$root/$layer" 2>/dev/null)
     if [ -n "$hits" ]; then
         echo "$layer includes from a layer above it:"
         echo "$hits"

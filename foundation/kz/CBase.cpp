@@ -1,4 +1,4 @@
-#include "foundation/kz/CBase.h"
+#include "harl/foundation/kz/CBase.h"
 
 namespace kz {
 

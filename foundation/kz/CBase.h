@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/kz/IBase.h"
+#include "harl/foundation/kz/IBase.h"
 
 namespace kz {
 
@@ -9,7 +9,9 @@ namespace kz {
 class CBase : public virtual IBase {
 public:
     CBase() = default;
+
     CBase(const CBase&) {}
+
     CBase& operator=(const CBase&) { return *this; }
 
     void addRef() const override;

@@ -1,14 +1,16 @@
-#include "foundation/kz/CBufferStream.h"
+#include "harl/foundation/kz/CBufferStream.h"
 
 #include <algorithm>
 #include <cstring>
 
 namespace kz {
 
-CBufferStream::CBufferStream(const CURI& uri) : CFileStreamBase(uri, AccessReadWrite) {}
+CBufferStream::CBufferStream(const CURI& uri) : CFileStreamBase(uri, AccessReadWrite) {
+}
 
 CBufferStream::CBufferStream(const TBuffer<unsigned char>& content, const CURI& uri)
-    : CFileStreamBase(uri, AccessReadWrite), buffer(content) {}
+    : CFileStreamBase(uri, AccessReadWrite), buffer(content) {
+}
 
 int CBufferStream::doRead(long long position, void* data, int size) {
     const long long available = std::max(0LL, static_cast<long long>(buffer.getUsed()) - position);

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "foundation/kz/CFileStreamBase.h"
-#include "foundation/kz/TBuffer.h"
+#include "harl/foundation/kz/CFileStreamBase.h"
+#include "harl/foundation/kz/TBuffer.h"
 
 namespace kz {
 
@@ -16,15 +16,21 @@ public:
     CBufferStream(const TBuffer<unsigned char>& content, const CURI& uri = CURI());
 
     const TBuffer<unsigned char>& getBuffer() const { return buffer; }
+
     TBuffer<unsigned char>& getBuffer() { return buffer; }
 
 protected:
     int doRead(long long position, void* data, int size) override;
     void doWrite(long long position, const void* data, int size) override;
+
     long long doGetLength() override { return static_cast<long long>(buffer.getUsed()); }
+
     void doSetLength(long long length) override;
+
     void doFlush() override {}
+
     bool doLockRange(long long, long long, LockType) override { return true; }
+
     void doClose() override {}
 
 private:

@@ -1,4 +1,4 @@
-#include "foundation/kz/CDataInStream.h"
+#include "harl/foundation/kz/CDataInStream.h"
 
 namespace kz {
 

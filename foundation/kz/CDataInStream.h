@@ -1,9 +1,9 @@
 #pragma once
 
-#include <cstdint>
+#include "harl/foundation/kz/IInStream.h"
+#include "harl/foundation/kz/P.h"
 
-#include "foundation/kz/IInStream.h"
-#include "foundation/kz/P.h"
+#include <cstdint>
 
 namespace kz {
 
@@ -19,7 +19,9 @@ public:
     uint16_t readUInt16();
     uint32_t readUInt32();
     uint64_t readUInt64();
+
     int64_t readInt64() { return static_cast<int64_t>(readUInt64()); }
+
     void read(void* data, int size) { stream->read(data, size); }
 
 private:

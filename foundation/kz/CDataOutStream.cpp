@@ -1,4 +1,4 @@
-#include "foundation/kz/CDataOutStream.h"
+#include "harl/foundation/kz/CDataOutStream.h"
 
 namespace kz {
 

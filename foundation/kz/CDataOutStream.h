@@ -1,9 +1,9 @@
 #pragma once
 
-#include <cstdint>
+#include "harl/foundation/kz/IOutStream.h"
+#include "harl/foundation/kz/P.h"
 
-#include "foundation/kz/IOutStream.h"
-#include "foundation/kz/P.h"
+#include <cstdint>
 
 namespace kz {
 
@@ -19,7 +19,9 @@ public:
     void writeUInt16(uint16_t value);
     void writeUInt32(uint32_t value);
     void writeUInt64(uint64_t value);
+
     void writeInt64(int64_t value) { writeUInt64(static_cast<uint64_t>(value)); }
+
     void write(const void* data, int size) { stream->write(data, size, nullptr); }
 
 private:

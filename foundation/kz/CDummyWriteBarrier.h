@@ -1,7 +1,7 @@
 #pragma once
 
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/IWriteBarrier.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/IWriteBarrier.h"
 
 namespace kz {
 

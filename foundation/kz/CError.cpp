@@ -1,4 +1,4 @@
-#include "foundation/kz/CError.h"
+#include "harl/foundation/kz/CError.h"
 
 namespace kz {
 

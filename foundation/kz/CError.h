@@ -1,10 +1,10 @@
 #pragma once
 
+#include "harl/foundation/kz/CProps.h"
+#include "harl/foundation/kz/String.h"
+
 #include <exception>
 #include <string>
-
-#include "foundation/kz/CProps.h"
-#include "foundation/kz/String.h"
 
 namespace kz {
 
@@ -20,10 +20,15 @@ public:
                     const CProps& props = CProps(), std::exception_ptr cause = nullptr);
 
     const String& getMessage() const { return message; }
+
     const String& getDetail() const { return detail; }
+
     int getCode() const { return code; }
+
     const CProps& getProps() const { return props; }
+
     std::exception_ptr getCause() const { return cause; }
+
     // The cause's what(), or empty without a cause.
     const std::string& getCauseText() const { return causeText; }
 

@@ -1,8 +1,8 @@
-#include "foundation/kz/CFaultInjectingFileSystem.h"
+#include "harl/foundation/kz/CFaultInjectingFileSystem.h"
 
-#include "foundation/kz/CFaultInjectingStream.h"
-#include "foundation/kz/CFileSystemError.h"
-#include "foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/CFaultInjectingStream.h"
+#include "harl/foundation/kz/CFileSystemError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
 
 namespace kz {
 

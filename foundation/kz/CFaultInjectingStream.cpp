@@ -1,6 +1,6 @@
-#include "foundation/kz/CFaultInjectingStream.h"
+#include "harl/foundation/kz/CFaultInjectingStream.h"
 
-#include "foundation/kz/IWriteBarrier.h"
+#include "harl/foundation/kz/IWriteBarrier.h"
 
 namespace kz {
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/CFaultInjectingFileSystem.h"
-#include "foundation/kz/IIOStream.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/CFaultInjectingFileSystem.h"
+#include "harl/foundation/kz/IIOStream.h"
 
 namespace kz {
 

@@ -1,13 +1,13 @@
-#include "foundation/kz/CFileStreamBase.h"
+#include "harl/foundation/kz/CFileStreamBase.h"
+
+#include "harl/foundation/kz/CDummyWriteBarrier.h"
+#include "harl/foundation/kz/CFileSystemError.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/Log.h"
 
 #include <algorithm>
 #include <climits>
-
-#include "foundation/kz/CDummyWriteBarrier.h"
-#include "foundation/kz/CFileSystemError.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/Log.h"
 
 namespace kz {
 

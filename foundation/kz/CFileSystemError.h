@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/kz/CError.h"
+#include "harl/foundation/kz/CError.h"
 
 namespace kz {
 
@@ -27,6 +27,7 @@ public:
     }
 
     Problem getProblem() const { return problem; }
+
     std::exception_ptr getInner() const { return inner; }
 
 private:

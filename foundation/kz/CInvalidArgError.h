@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/kz/CError.h"
+#include "harl/foundation/kz/CError.h"
 
 namespace kz {
 

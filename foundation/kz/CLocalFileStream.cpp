@@ -1,11 +1,11 @@
-#include "foundation/kz/CLocalFileStream.h"
+#include "harl/foundation/kz/CLocalFileStream.h"
+
+#include "harl/foundation/kz/CLocalFileSystem.h"
 
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include "foundation/kz/CLocalFileSystem.h"
 
 namespace kz {
 

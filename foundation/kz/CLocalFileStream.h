@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/kz/CFileStreamBase.h"
+#include "harl/foundation/kz/CFileStreamBase.h"
 
 namespace kz {
 

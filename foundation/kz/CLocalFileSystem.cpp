@@ -1,13 +1,13 @@
-#include "foundation/kz/CLocalFileSystem.h"
+#include "harl/foundation/kz/CLocalFileSystem.h"
+
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/CLocalFileStream.h"
 
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
-
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/CLocalFileStream.h"
 
 namespace kz {
 

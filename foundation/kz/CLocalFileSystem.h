@@ -1,8 +1,8 @@
 #pragma once
 
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/CFileSystemError.h"
-#include "foundation/kz/IFileSystem.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/CFileSystemError.h"
+#include "harl/foundation/kz/IFileSystem.h"
 
 namespace kz {
 

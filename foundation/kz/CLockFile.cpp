@@ -1,9 +1,9 @@
-#include "foundation/kz/CLockFile.h"
+#include "harl/foundation/kz/CLockFile.h"
 
-#include "foundation/kz/CFileSystemError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/CLockFileError.h"
-#include "foundation/kz/Log.h"
+#include "harl/foundation/kz/CFileSystemError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/CLockFileError.h"
+#include "harl/foundation/kz/Log.h"
 
 namespace kz {
 

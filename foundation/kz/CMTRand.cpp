@@ -1,10 +1,10 @@
-#include "foundation/kz/CMTRand.h"
+#include "harl/foundation/kz/CMTRand.h"
+
+#include "harl/foundation/kz/CError.h"
 
 #include <cerrno>
 #include <sys/random.h>
 #include <system_error>
-
-#include "foundation/kz/CError.h"
 
 namespace kz {
 

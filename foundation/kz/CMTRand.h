@@ -1,11 +1,11 @@
 #pragma once
 
-#include <cstddef>
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/CMutex.h"
+#include "harl/foundation/kz/CMutexLock.h"
+#include "harl/foundation/kz/P.h"
 
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/CMutex.h"
-#include "foundation/kz/CMutexLock.h"
-#include "foundation/kz/P.h"
+#include <cstddef>
 
 namespace kz {
 

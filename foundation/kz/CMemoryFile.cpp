@@ -1,4 +1,4 @@
-#include "foundation/kz/CMemoryFile.h"
+#include "harl/foundation/kz/CMemoryFile.h"
 
 #include <climits>
 #include <cstring>

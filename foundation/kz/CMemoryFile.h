@@ -1,10 +1,10 @@
 #pragma once
 
-#include <vector>
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/IStreamBase.h"
+#include "harl/foundation/kz/TBuffer.h"
 
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/IStreamBase.h"
-#include "foundation/kz/TBuffer.h"
+#include <vector>
 
 namespace kz {
 

@@ -1,9 +1,9 @@
-#include "foundation/kz/CMemoryFileStream.h"
+#include "harl/foundation/kz/CMemoryFileStream.h"
+
+#include "harl/foundation/kz/CFileSystemError.h"
 
 #include <algorithm>
 #include <cstring>
-
-#include "foundation/kz/CFileSystemError.h"
 
 namespace kz {
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "foundation/kz/CFileStreamBase.h"
-#include "foundation/kz/CMemoryFile.h"
+#include "harl/foundation/kz/CFileStreamBase.h"
+#include "harl/foundation/kz/CMemoryFile.h"
 
 namespace kz {
 

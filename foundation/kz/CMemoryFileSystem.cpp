@@ -1,8 +1,8 @@
-#include "foundation/kz/CMemoryFileSystem.h"
+#include "harl/foundation/kz/CMemoryFileSystem.h"
 
-#include "foundation/kz/CFileSystemError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/CMemoryFileStream.h"
+#include "harl/foundation/kz/CFileSystemError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/CMemoryFileStream.h"
 
 namespace kz {
 

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/CMemoryFile.h"
-#include "foundation/kz/Containers.h"
-#include "foundation/kz/IFileSystem.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/CMemoryFile.h"
+#include "harl/foundation/kz/Containers.h"
+#include "harl/foundation/kz/IFileSystem.h"
 
 namespace kz {
 

@@ -8,6 +8,7 @@ namespace kz {
 class CMutex {
 public:
     void lock() { mutex.lock(); }
+
     void unlock() { mutex.unlock(); }
 
 private:

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/kz/CMutex.h"
+#include "harl/foundation/kz/CMutex.h"
 
 namespace kz {
 
@@ -8,7 +8,9 @@ namespace kz {
 class CMutexLock {
 public:
     explicit CMutexLock(CMutex& mutex) : mutex(mutex) { mutex.lock(); }
+
     ~CMutexLock() { mutex.unlock(); }
+
     CMutexLock(const CMutexLock&) = delete;
     CMutexLock& operator=(const CMutexLock&) = delete;
 

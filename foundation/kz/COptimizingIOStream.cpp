@@ -1,12 +1,12 @@
-#include "foundation/kz/COptimizingIOStream.h"
+#include "harl/foundation/kz/COptimizingIOStream.h"
+
+#include "harl/foundation/kz/CDummyWriteBarrier.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
 
 #include <algorithm>
 #include <climits>
 #include <cstring>
-
-#include "foundation/kz/CDummyWriteBarrier.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
 
 namespace kz {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/kz/COptimizingInStream.h"
+#include "harl/foundation/kz/COptimizingInStream.h"
 
 namespace kz {
 

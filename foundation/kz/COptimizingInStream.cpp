@@ -1,11 +1,11 @@
-#include "foundation/kz/COptimizingInStream.h"
+#include "harl/foundation/kz/COptimizingInStream.h"
+
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/Log.h"
 
 #include <algorithm>
 #include <cstring>
-
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/Log.h"
 
 namespace kz {
 

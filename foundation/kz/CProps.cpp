@@ -1,4 +1,4 @@
-#include "foundation/kz/CProps.h"
+#include "harl/foundation/kz/CProps.h"
 
 namespace kz {
 

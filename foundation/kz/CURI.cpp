@@ -1,7 +1,7 @@
-#include "foundation/kz/CURI.h"
+#include "harl/foundation/kz/CURI.h"
 
-#include "foundation/kz/CError.h"
-#include "foundation/kz/TPathImpl.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/TPathImpl.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "foundation/kz/IInStream.h"
-#include "foundation/kz/IOutStream.h"
+#include "harl/foundation/kz/IInStream.h"
+#include "harl/foundation/kz/IOutStream.h"
 
 namespace kz {
 

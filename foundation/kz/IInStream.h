@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/kz/IStreamBase.h"
+#include "harl/foundation/kz/IStreamBase.h"
 
 namespace kz {
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "foundation/kz/IStreamBase.h"
-#include "foundation/kz/P.h"
-#include "foundation/kz/TConstBufferSlice.h"
+#include "harl/foundation/kz/IStreamBase.h"
+#include "harl/foundation/kz/P.h"
+#include "harl/foundation/kz/TConstBufferSlice.h"
 
 namespace kz {
 
@@ -16,7 +16,8 @@ public:
 
     // As write(), but the stream may keep reading the caller's bytes until `barrier` is
     // waited for, so a stream that completes writes later need not copy them.
-    virtual void writeKeepBuffer(const TConstBufferSlice<unsigned char>& slice, IWriteBarrier* barrier) = 0;
+    virtual void writeKeepBuffer(const TConstBufferSlice<unsigned char>& slice,
+                                 IWriteBarrier* barrier) = 0;
 
     virtual P<IWriteBarrier> createWriteBarrier() = 0;
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "foundation/kz/IBase.h"
-#include "foundation/kz/String.h"
+#include "harl/foundation/kz/IBase.h"
+#include "harl/foundation/kz/String.h"
 
 namespace kz {
 

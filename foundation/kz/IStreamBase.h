@@ -1,7 +1,7 @@
 #pragma once
 
-#include "foundation/kz/CURI.h"
-#include "foundation/kz/IBase.h"
+#include "harl/foundation/kz/CURI.h"
+#include "harl/foundation/kz/IBase.h"
 
 namespace kz {
 

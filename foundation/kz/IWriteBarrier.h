@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/kz/IBase.h"
+#include "harl/foundation/kz/IBase.h"
 
 namespace kz {
 

@@ -1,4 +1,4 @@
-#include "foundation/kz/Log.h"
+#include "harl/foundation/kz/Log.h"
 
 #include <cstdio>
 
@@ -60,8 +60,8 @@ void onExceptionInDestructorIgnored(const char* className, const std::exception&
         return;
     }
     try {
-        logError(String("Exception in destructor of ") + className + " ignored: " +
-                 String(error.what()));
+        logError(String("Exception in destructor of ") + className +
+                 " ignored: " + String(error.what()));
     } catch (...) {
         // A sink that throws cannot be reported anywhere; the destructor must go on.
     }

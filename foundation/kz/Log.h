@@ -1,9 +1,9 @@
 #pragma once
 
+#include "harl/foundation/kz/String.h"
+
 #include <exception>
 #include <functional>
-
-#include "foundation/kz/String.h"
 
 namespace kz {
 

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "harl/foundation/kz/IBase.h"
+
 #include <cstddef>
 #include <type_traits>
 #include <utility>
-
-#include "foundation/kz/IBase.h"
 
 namespace kz {
 
@@ -15,6 +15,7 @@ template <class T>
 class P {
 public:
     P() = default;
+
     P(std::nullptr_t) {}
 
     P(T* object) : ptr(object) { retain(); }
@@ -29,7 +30,8 @@ public:
     }
 
     template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
-    P(P<U>&& other) noexcept : ptr(other.detach()) {}
+    P(P<U>&& other)
+    noexcept : ptr(other.detach()) {}
 
     ~P() { drop(); }
 
@@ -58,8 +60,11 @@ public:
     void swap(P& other) noexcept { std::swap(ptr, other.ptr); }
 
     T* get() const { return ptr; }
+
     T* operator->() const { return ptr; }
+
     T& operator*() const { return *ptr; }
+
     explicit operator bool() const { return ptr != nullptr; }
 
     // Gives up ownership without releasing: the caller takes over the reference.
@@ -81,9 +86,13 @@ public:
     }
 
     friend bool operator==(const P& a, const P& b) { return a.ptr == b.ptr; }
+
     friend bool operator!=(const P& a, const P& b) { return a.ptr != b.ptr; }
+
     friend bool operator==(const P& a, std::nullptr_t) { return a.ptr == nullptr; }
+
     friend bool operator!=(const P& a, std::nullptr_t) { return a.ptr != nullptr; }
+
     friend bool operator<(const P& a, const P& b) { return a.ptr < b.ptr; }
 
 private:

@@ -1,4 +1,4 @@
-#include "foundation/kz/SecureZero.h"
+#include "harl/foundation/kz/SecureZero.h"
 
 #include <string.h>
 

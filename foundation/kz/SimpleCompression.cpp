@@ -1,7 +1,7 @@
-#include "foundation/kz/SimpleCompression.h"
+#include "harl/foundation/kz/SimpleCompression.h"
 
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
 
 #include <climits>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/kz/String.h"
+#include "harl/foundation/kz/String.h"
 
 namespace kz {
 

@@ -1,6 +1,6 @@
-#include "foundation/kz/String.h"
+#include "harl/foundation/kz/String.h"
 
-#include "foundation/kz/CError.h"
+#include "harl/foundation/kz/CError.h"
 
 namespace kz {
 

@@ -1,11 +1,11 @@
 #pragma once
 
+#include <wx/string.h>
+
 #include <cstddef>
 #include <ostream>
 #include <string>
 #include <vector>
-
-#include <wx/string.h>
 
 namespace kz {
 
@@ -18,6 +18,7 @@ public:
     // that are not valid UTF-8 are taken as Latin-1, so this never throws.
     String(const char* utf8);
     String(const std::string& utf8);
+
     explicit String(const wxString& text) : text(text) {}
 
     // Decodes bytes. fromUTF8 throws a CError on invalid UTF-8; fromLatin1 never fails.
@@ -29,7 +30,9 @@ public:
     static String hex(unsigned long long value);
 
     bool isEmpty() const { return text.empty(); }
+
     size_t getLength() const { return text.length(); }
+
     // The character at `index` as a code point; index must be below getLength().
     wchar_t at(size_t index) const { return static_cast<wchar_t>(text[index].GetValue()); }
 
@@ -57,21 +60,29 @@ public:
     const wxString& wx() const { return text; }
 
     String& operator=(const char* utf8) { return *this = String(utf8); }
+
     String& operator+=(const String& other) {
         text += other.text;
         return *this;
     }
+
     String& operator+=(wchar_t c) {
         text += wxUniChar(static_cast<wxUint32>(c));
         return *this;
     }
 
     friend String operator+(String a, const String& b) { return a += b; }
+
     friend String operator+(String a, const char* b) { return a += String(b); }
+
     friend String operator+(const char* a, const String& b) { return String(a) += b; }
+
     friend bool operator==(const String& a, const String& b) { return a.text == b.text; }
+
     friend bool operator!=(const String& a, const String& b) { return a.text != b.text; }
+
     friend bool operator<(const String& a, const String& b) { return a.text < b.text; }
+
     friend std::ostream& operator<<(std::ostream& out, const String& s) {
         return out << s.toUTF8();
     }

@@ -1,14 +1,14 @@
 #pragma once
 
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/SecureZero.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <new>
 #include <type_traits>
 #include <utility>
-
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/SecureZero.h"
 
 namespace kz {
 
@@ -68,11 +68,15 @@ public:
     ~TBuffer() override { freeBlock(data, allocated); }
 
     T* getData() { return data; }
+
     const T* getData() const { return data; }
+
     T& operator[](size_t index) { return data[index]; }
+
     const T& operator[](size_t index) const { return data[index]; }
 
     size_t getUsed() const { return used; }
+
     size_t getAllocated() const { return allocated; }
 
     // Sets the used length; elements below the old used length stay.
@@ -122,8 +126,10 @@ public:
     void fill(const T& value) { std::fill(data, data + used, value); }
 
     friend bool operator==(const TBuffer& a, const TBuffer& b) {
-        return a.used == b.used && (a.used == 0 || std::memcmp(a.data, b.data, a.used * sizeof(T)) == 0);
+        return a.used == b.used &&
+               (a.used == 0 || std::memcmp(a.data, b.data, a.used * sizeof(T)) == 0);
     }
+
     friend bool operator!=(const TBuffer& a, const TBuffer& b) { return !(a == b); }
 
 protected:
@@ -160,14 +166,18 @@ template <class T = unsigned char>
 class TCryptBuffer : public TBuffer<T> {
 public:
     explicit TCryptBuffer(size_t size = 0) : TBuffer<T>(typename TBuffer<T>::CWipeOnFree(), size) {}
+
     TCryptBuffer(const TCryptBuffer& other) : TBuffer<T>(typename TBuffer<T>::CWipeOnFree(), 0) {
         this->assign(other.getData(), other.getUsed());
     }
+
     TCryptBuffer& operator=(const TCryptBuffer& other) {
         this->assign(other.getData(), other.getUsed());
         return *this;
     }
+
     TCryptBuffer(TCryptBuffer&& other) noexcept : TBuffer<T>(std::move(other)) {}
+
     TCryptBuffer& operator=(TCryptBuffer&& other) noexcept {
         TBuffer<T>::operator=(std::move(other));
         return *this;

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <cstddef>
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/TBuffer.h"
 
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/TBuffer.h"
+#include <cstddef>
 
 namespace kz {
 
@@ -12,6 +12,7 @@ template <class T = unsigned char>
 class TConstBufferSlice {
 public:
     TConstBufferSlice() = default;
+
     TConstBufferSlice(const T* data, size_t length) : data(data), length(length) {}
 
     // `length` -1: to the end of the used elements. A range outside them throws a
@@ -31,6 +32,7 @@ public:
     }
 
     const T* getData() const { return data; }
+
     size_t getLength() const { return length; }
 
 private:

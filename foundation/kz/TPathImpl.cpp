@@ -1,6 +1,6 @@
-#include "foundation/kz/TPathImpl.h"
+#include "harl/foundation/kz/TPathImpl.h"
 
-#include "foundation/kz/CBadPathError.h"
+#include "harl/foundation/kz/CBadPathError.h"
 
 namespace kz {
 

@@ -1,8 +1,8 @@
-#include "foundation/kz/Text.h"
+#include "harl/foundation/kz/Text.h"
+
+#include "harl/foundation/kz/CError.h"
 
 #include <limits>
-
-#include "foundation/kz/CError.h"
 
 namespace kz {
 

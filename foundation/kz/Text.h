@@ -1,9 +1,9 @@
 #pragma once
 
-#include <cstddef>
+#include "harl/foundation/kz/String.h"
+#include "harl/foundation/kz/TBuffer.h"
 
-#include "foundation/kz/String.h"
-#include "foundation/kz/TBuffer.h"
+#include <cstddef>
 
 namespace kz {
 

@@ -1,8 +1,8 @@
-#include "foundation/pcu/CZLibCompressor.h"
+#include "harl/foundation/pcu/CZLibCompressor.h"
 
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/SimpleCompression.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/SimpleCompression.h"
 
 #include <new>
 

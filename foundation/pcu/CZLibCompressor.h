@@ -1,7 +1,7 @@
 #pragma once
 
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/ISimpleCompressor.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/ISimpleCompressor.h"
 
 #include <memory>
 

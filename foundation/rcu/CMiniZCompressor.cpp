@@ -1,7 +1,7 @@
-#include "foundation/rcu/CMiniZCompressor.h"
+#include "harl/foundation/rcu/CMiniZCompressor.h"
 
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/SimpleCompression.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/SimpleCompression.h"
 
 #include <libdeflate.h>
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/ISimpleCompressor.h"
-#include "foundation/kz/TBuffer.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/ISimpleCompressor.h"
+#include "harl/foundation/kz/TBuffer.h"
 
 struct libdeflate_compressor;
 struct libdeflate_decompressor;

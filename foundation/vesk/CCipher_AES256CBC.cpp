@@ -1,9 +1,9 @@
-#include "foundation/vesk/CCipher_AES256CBC.h"
+#include "harl/foundation/vesk/CCipher_AES256CBC.h"
 
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/SecureZero.h"
-#include "foundation/vesk/OpenSSLErrors.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/SecureZero.h"
+#include "harl/foundation/vesk/OpenSSLErrors.h"
 
 #include <openssl/evp.h>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "foundation/kz/CBase.h"
-#include "foundation/vesk/ICipher.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/vesk/ICipher.h"
 
 struct evp_cipher_st;
 struct evp_cipher_ctx_st;

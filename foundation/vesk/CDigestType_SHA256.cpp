@@ -1,8 +1,8 @@
-#include "foundation/vesk/CDigestType_SHA256.h"
+#include "harl/foundation/vesk/CDigestType_SHA256.h"
 
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/vesk/OpenSSLErrors.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/vesk/OpenSSLErrors.h"
 
 #include <openssl/evp.h>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "foundation/kz/CBase.h"
-#include "foundation/vesk/IDigestType.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/vesk/IDigestType.h"
 
 namespace vesk {
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "foundation/kz/IBase.h"
-#include "foundation/kz/String.h"
-#include "foundation/kz/TBuffer.h"
+#include "harl/foundation/kz/IBase.h"
+#include "harl/foundation/kz/String.h"
+#include "harl/foundation/kz/TBuffer.h"
 
 namespace vesk {
 

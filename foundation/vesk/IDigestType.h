@@ -1,9 +1,9 @@
 #pragma once
 
-#include "foundation/kz/IBase.h"
-#include "foundation/kz/P.h"
-#include "foundation/kz/String.h"
-#include "foundation/vesk/IDigest.h"
+#include "harl/foundation/kz/IBase.h"
+#include "harl/foundation/kz/P.h"
+#include "harl/foundation/kz/String.h"
+#include "harl/foundation/vesk/IDigest.h"
 
 namespace vesk {
 

@@ -1,7 +1,7 @@
-#include "foundation/vesk/KeyDerivation.h"
+#include "harl/foundation/vesk/KeyDerivation.h"
 
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/vesk/OpenSSLErrors.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/vesk/OpenSSLErrors.h"
 
 #include <openssl/evp.h>
 

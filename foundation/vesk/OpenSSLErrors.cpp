@@ -1,6 +1,6 @@
-#include "foundation/vesk/OpenSSLErrors.h"
+#include "harl/foundation/vesk/OpenSSLErrors.h"
 
-#include "foundation/kz/CError.h"
+#include "harl/foundation/kz/CError.h"
 
 #include <openssl/err.h>
 

@@ -1,8 +1,8 @@
-#include "descriptor/CVMDKDescriptorAccessor.h"
-#include "format/CVMDKSparseExtentHeader.h"
-#include "foundation/kz/CBufferStream.h"
-#include "foundation/kz/CDataOutStream.h"
-#include "foundation/kz/CIOError.h"
+#include "harl/descriptor/CVMDKDescriptorAccessor.h"
+#include "harl/format/CVMDKSparseExtentHeader.h"
+#include "harl/foundation/kz/CBufferStream.h"
+#include "harl/foundation/kz/CDataOutStream.h"
+#include "harl/foundation/kz/CIOError.h"
 
 #include "tests/support/CLogCapture.h"
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
-#include "descriptor/CVMDKDescriptor.h"
-#include "descriptor/CVMDKExtentInfo.h"
-#include "format/CVMDKSparseExtentHeader.h"
-#include "foundation/kz/CBufferStream.h"
-#include "foundation/kz/CError.h"
+#include "harl/descriptor/CVMDKDescriptor.h"
+#include "harl/descriptor/CVMDKExtentInfo.h"
+#include "harl/format/CVMDKSparseExtentHeader.h"
+#include "harl/foundation/kz/CBufferStream.h"
+#include "harl/foundation/kz/CError.h"
 
 #include "tests/support/CLogCapture.h"
 #include "tests/support/CScratchFolder.h"

@@ -1,4 +1,4 @@
-#include "descriptor/CVMDKExtentInfo.h"
+#include "harl/descriptor/CVMDKExtentInfo.h"
 
 #include <gtest/gtest.h>
 

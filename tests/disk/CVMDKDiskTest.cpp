@@ -1,17 +1,16 @@
-#include "disk/CVMDKDisk.h"
+#include "harl/disk/CVMDKDisk.h"
+#include "harl/extent/CVMDKNullExtentFile.h"
+#include "harl/foundation/kz/CIOError.h"
 
+#include "tests/support/CLogCapture.h"
+#include "tests/support/CRecordingDataProvider.h"
+#include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
-
-#include "extent/CVMDKNullExtentFile.h"
-#include "foundation/kz/CIOError.h"
-#include "tests/support/CLogCapture.h"
-#include "tests/support/CRecordingDataProvider.h"
-#include "tests/support/ThrownText.h"
 
 namespace {
 

@@ -1,10 +1,9 @@
-#include "extent/CVMDKNullExtentFile.h"
+#include "harl/extent/CVMDKNullExtentFile.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
 
-#include <gtest/gtest.h>
-
-#include "foundation/kz/CInvalidArgError.h"
 #include "tests/support/CRecordingDataProvider.h"
 #include "tests/support/ThrownText.h"
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstring>

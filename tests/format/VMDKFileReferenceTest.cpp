@@ -1,9 +1,8 @@
-#include "format/VMDKFileReference.h"
+#include "harl/format/VMDKFileReference.h"
+#include "harl/foundation/kz/CBadPathError.h"
+#include "harl/foundation/kz/CError.h"
 
 #include <gtest/gtest.h>
-
-#include "foundation/kz/CBadPathError.h"
-#include "foundation/kz/CError.h"
 
 namespace {
 

@@ -1,9 +1,8 @@
-#include "format/VMDKMarkers.h"
+#include "harl/format/VMDKMarkers.h"
+#include "harl/foundation/kz/CBufferStream.h"
+#include "harl/foundation/kz/CError.h"
 
 #include <gtest/gtest.h>
-
-#include "foundation/kz/CBufferStream.h"
-#include "foundation/kz/CError.h"
 
 namespace {
 
@@ -22,6 +21,7 @@ public:
         sizes.push_back(size);
         CBufferStream::write(data, size, barrier);
     }
+
     std::vector<int> sizes;
 };
 

@@ -1,8 +1,7 @@
-#include "foundation/kz/CBase.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/P.h"
 
 #include <gtest/gtest.h>
-
-#include "foundation/kz/P.h"
 
 namespace {
 
@@ -14,7 +13,9 @@ public:
 class CSquare : public kz::CBase, public IShape {
 public:
     explicit CSquare(int* deaths) : deaths(deaths) {}
+
     ~CSquare() override { ++*deaths; }
+
     int sides() const override { return 4; }
 
 private:
@@ -25,6 +26,7 @@ private:
 class CSealed : public kz::CBase, public IShape {
 public:
     int sides() const override { return 0; }
+
     bool checkCastAllowed(const std::type_info& target) const override {
         return target != typeid(CSealed);
     }

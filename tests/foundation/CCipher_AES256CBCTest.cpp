@@ -1,7 +1,7 @@
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/P.h"
-#include "foundation/kz/Text.h"
-#include "foundation/vesk/CCipher_AES256CBC.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/P.h"
+#include "harl/foundation/kz/Text.h"
+#include "harl/foundation/vesk/CCipher_AES256CBC.h"
 
 #include "tests/support/SampleData.h"
 #include <gtest/gtest.h>

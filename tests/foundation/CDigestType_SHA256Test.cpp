@@ -1,7 +1,7 @@
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/Text.h"
-#include "foundation/vesk/CDigestType_SHA256.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/Text.h"
+#include "harl/foundation/vesk/CDigestType_SHA256.h"
 
 #include <gtest/gtest.h>
 

@@ -1,12 +1,11 @@
-#include "foundation/kz/CError.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CFileSystemError.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/Log.h"
 
-#include <gtest/gtest.h>
-
-#include "foundation/kz/CFileSystemError.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/Log.h"
 #include "tests/support/CLogCapture.h"
+#include <gtest/gtest.h>
 
 namespace {
 

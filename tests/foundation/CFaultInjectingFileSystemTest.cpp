@@ -1,13 +1,12 @@
-#include "foundation/kz/CFaultInjectingFileSystem.h"
+#include "harl/foundation/kz/CFaultInjectingFileSystem.h"
+#include "harl/foundation/kz/CFileSystemError.h"
+#include "harl/foundation/kz/CMemoryFileSystem.h"
+#include "harl/foundation/kz/COptimizingIOStream.h"
 
+#include "tests/support/CLogCapture.h"
 #include <gtest/gtest.h>
 
 #include <string>
-
-#include "foundation/kz/CFileSystemError.h"
-#include "foundation/kz/CMemoryFileSystem.h"
-#include "foundation/kz/COptimizingIOStream.h"
-#include "tests/support/CLogCapture.h"
 
 namespace {
 

@@ -1,11 +1,10 @@
-#include "foundation/kz/CLocalFileSystem.h"
-
-#include <gtest/gtest.h>
-
-#include <filesystem>
+#include "harl/foundation/kz/CLocalFileSystem.h"
 
 #include "tests/support/CScratchFolder.h"
 #include "tests/support/ThrownText.h"
+#include <gtest/gtest.h>
+
+#include <filesystem>
 
 namespace {
 

@@ -1,16 +1,15 @@
-#include "foundation/kz/CLockFile.h"
+#include "harl/foundation/kz/CFileSystemError.h"
+#include "harl/foundation/kz/CLocalFileSystem.h"
+#include "harl/foundation/kz/CLockFile.h"
+#include "harl/foundation/kz/CLockFileError.h"
+#include "harl/foundation/kz/CMemoryFileSystem.h"
 
+#include "tests/support/CScratchFolder.h"
+#include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "foundation/kz/CFileSystemError.h"
-#include "foundation/kz/CLocalFileSystem.h"
-#include "foundation/kz/CLockFileError.h"
-#include "foundation/kz/CMemoryFileSystem.h"
-#include "tests/support/CScratchFolder.h"
-#include "tests/support/ThrownText.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "foundation/kz/CMTRand.h"
+#include "harl/foundation/kz/CMTRand.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "foundation/kz/CMemoryFileSystem.h"
+#include "harl/foundation/kz/CMemoryFileSystem.h"
 
 #include <gtest/gtest.h>
 

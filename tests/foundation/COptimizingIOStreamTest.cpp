@@ -1,16 +1,15 @@
-#include "foundation/kz/COptimizingIOStream.h"
+#include "harl/foundation/kz/CBufferStream.h"
+#include "harl/foundation/kz/CFileSystemError.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/COptimizingIOStream.h"
 
+#include "tests/support/SampleData.h"
+#include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <random>
 #include <vector>
-
-#include "foundation/kz/CBufferStream.h"
-#include "foundation/kz/CFileSystemError.h"
-#include "foundation/kz/CIOError.h"
-#include "tests/support/SampleData.h"
-#include "tests/support/ThrownText.h"
 
 namespace {
 

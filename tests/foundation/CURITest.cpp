@@ -1,4 +1,6 @@
-#include "foundation/kz/CURI.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CURI.h"
+#include "harl/foundation/kz/TPathImpl.h"
 
 #include <gtest/gtest.h>
 
@@ -6,9 +8,6 @@
 #include <random>
 #include <string>
 #include <tuple>
-
-#include "foundation/kz/CError.h"
-#include "foundation/kz/TPathImpl.h"
 
 namespace {
 

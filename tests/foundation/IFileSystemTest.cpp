@@ -1,16 +1,15 @@
 // One suite over every file system: the host's and the one in memory must behave alike.
-#include "foundation/kz/IFileSystem.h"
+#include "harl/foundation/kz/CFileSystemError.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/CLocalFileSystem.h"
+#include "harl/foundation/kz/CMemoryFileSystem.h"
+#include "harl/foundation/kz/IFileSystem.h"
 
+#include "tests/support/CScratchFolder.h"
 #include <gtest/gtest.h>
 
 #include <string>
-
-#include "foundation/kz/CFileSystemError.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/CLocalFileSystem.h"
-#include "foundation/kz/CMemoryFileSystem.h"
-#include "tests/support/CScratchFolder.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/ISimpleCompressor.h"
-#include "foundation/kz/P.h"
-#include "foundation/pcu/CZLibCompressor.h"
-#include "foundation/rcu/CMiniZCompressor.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/ISimpleCompressor.h"
+#include "harl/foundation/kz/P.h"
+#include "harl/foundation/pcu/CZLibCompressor.h"
+#include "harl/foundation/rcu/CMiniZCompressor.h"
 
 #include "tests/support/SampleData.h"
 #include <gtest/gtest.h>

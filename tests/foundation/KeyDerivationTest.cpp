@@ -1,6 +1,6 @@
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/kz/Text.h"
-#include "foundation/vesk/KeyDerivation.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/kz/Text.h"
+#include "harl/foundation/vesk/KeyDerivation.h"
 
 #include <gtest/gtest.h>
 

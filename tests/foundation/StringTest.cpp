@@ -1,8 +1,7 @@
-#include "foundation/kz/String.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/String.h"
 
 #include <gtest/gtest.h>
-
-#include "foundation/kz/CError.h"
 
 namespace {
 

@@ -1,10 +1,9 @@
-#include "foundation/kz/TBuffer.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/P.h"
+#include "harl/foundation/kz/TBuffer.h"
+#include "harl/foundation/kz/TConstBufferSlice.h"
 
 #include <gtest/gtest.h>
-
-#include "foundation/kz/CError.h"
-#include "foundation/kz/P.h"
-#include "foundation/kz/TConstBufferSlice.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "foundation/kz/TMostRecentlyUsedCache.h"
+#include "harl/foundation/kz/TMostRecentlyUsedCache.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,7 @@
-#include "foundation/kz/TPathImpl.h"
+#include "harl/foundation/kz/CBadPathError.h"
+#include "harl/foundation/kz/TPathImpl.h"
 
 #include <gtest/gtest.h>
-
-#include "foundation/kz/CBadPathError.h"
 
 namespace {
 

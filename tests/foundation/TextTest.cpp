@@ -1,8 +1,7 @@
-#include "foundation/kz/Text.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/Text.h"
 
 #include <gtest/gtest.h>
-
-#include "foundation/kz/CError.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
-#include "foundation/kz/CError.h"
-#include "grain/CVMDKCompressor.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/grain/CVMDKCompressor.h"
 
 #include "tests/support/SampleData.h"
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "grain/CVMDKDataPreparer.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/grain/CVMDKDataPreparer.h"
 
 #include "tests/support/SampleData.h"
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "grain/CVMDKGrainAllocator.h"
-#include "grain/CVMDKGrainDirectory.h"
-#include "grain/CVMDKGrainTableCache.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/grain/CVMDKGrainAllocator.h"
+#include "harl/grain/CVMDKGrainDirectory.h"
+#include "harl/grain/CVMDKGrainTableCache.h"
 
 #include "tests/support/CLogCapture.h"
 #include "tests/support/CRecordingStream.h"

@@ -1,21 +1,20 @@
-#include "grain/CVMDKGrainDirectory.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/grain/CVMDKGrainDirectory.h"
+#include "harl/grain/CVMDKGrainTable.h"
+#include "harl/grain/CVMDKGrainTableCache.h"
 
+#include "tests/support/CLogCapture.h"
+#include "tests/support/CRecordingStream.h"
+#include "tests/support/GrainMetadataLayout.h"
+#include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <string>
 #include <tuple>
 #include <vector>
-
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "grain/CVMDKGrainTable.h"
-#include "grain/CVMDKGrainTableCache.h"
-#include "tests/support/CLogCapture.h"
-#include "tests/support/CRecordingStream.h"
-#include "tests/support/GrainMetadataLayout.h"
-#include "tests/support/ThrownText.h"
 
 namespace {
 

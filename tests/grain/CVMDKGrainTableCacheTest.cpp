@@ -1,11 +1,10 @@
-#include "grain/CVMDKGrainTableCache.h"
+#include "harl/grain/CVMDKGrainTable.h"
+#include "harl/grain/CVMDKGrainTableCache.h"
 
+#include "tests/support/CRecordingStream.h"
 #include <gtest/gtest.h>
 
 #include <vector>
-
-#include "grain/CVMDKGrainTable.h"
-#include "tests/support/CRecordingStream.h"
 
 namespace {
 

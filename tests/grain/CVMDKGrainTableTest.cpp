@@ -1,17 +1,16 @@
-#include "grain/CVMDKGrainTable.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/grain/CVMDKGrainTable.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "foundation/kz/CError.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
 #include "tests/support/CLogCapture.h"
 #include "tests/support/CRecordingStream.h"
 #include "tests/support/GrainMetadataLayout.h"
 #include "tests/support/ThrownText.h"
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
 
 namespace {
 

@@ -1,8 +1,8 @@
-#include "foundation/kz/CBufferStream.h"
-#include "foundation/kz/CIOError.h"
-#include "foundation/kz/CInvalidArgError.h"
-#include "foundation/vesk/CCipher_AES256CBC.h"
-#include "grain/CVMDKGrain.h"
+#include "harl/foundation/kz/CBufferStream.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
+#include "harl/foundation/vesk/CCipher_AES256CBC.h"
+#include "harl/grain/CVMDKGrain.h"
 
 #include "tests/support/CRecordingDataProvider.h"
 #include "tests/support/CRecordingStream.h"

@@ -3,8 +3,9 @@
 namespace harltest {
 
 CLogCapture::CLogCapture() {
-    previous = kz::setLogSink(
-        [this](kz::LogLevel level, const kz::String& message) { lines.push_back({level, message}); });
+    previous = kz::setLogSink([this](kz::LogLevel level, const kz::String& message) {
+        lines.push_back({level, message});
+    });
 }
 
 CLogCapture::~CLogCapture() {

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <vector>
+#include "harl/foundation/kz/Log.h"
 
-#include "foundation/kz/Log.h"
+#include <vector>
 
 namespace harltest {
 
@@ -18,8 +18,10 @@ public:
     ~CLogCapture();
 
     const std::vector<CLine>& getLines() const { return lines; }
+
     // The messages of one level, in order.
     std::vector<kz::String> messages(kz::LogLevel level) const;
+
     void clear() { lines.clear(); }
 
 private:

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "foundation/kz/CBase.h"
-#include "foundation/kz/CIOError.h"
-#include "grain/IVMDKDataProvider.h"
+#include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/grain/IVMDKDataProvider.h"
 
 #include <cstring>
 #include <set>

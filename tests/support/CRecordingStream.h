@@ -1,7 +1,7 @@
 #pragma once
 
-#include "foundation/kz/CBufferStream.h"
-#include "foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CBufferStream.h"
+#include "harl/foundation/kz/CIOError.h"
 
 #include <vector>
 

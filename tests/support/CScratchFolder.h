@@ -1,8 +1,8 @@
 #pragma once
 
-#include <string>
+#include "harl/foundation/kz/CURI.h"
 
-#include "foundation/kz/CURI.h"
+#include <string>
 
 namespace harltest {
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "format/VMDKMarkers.h"
-#include "foundation/kz/CBufferStream.h"
-#include "foundation/kz/CDataOutStream.h"
+#include "harl/format/VMDKMarkers.h"
+#include "harl/foundation/kz/CBufferStream.h"
+#include "harl/foundation/kz/CDataOutStream.h"
 
 #include <vector>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/kz/TBuffer.h"
+#include "harl/foundation/kz/TBuffer.h"
 
 #include <string>
 
