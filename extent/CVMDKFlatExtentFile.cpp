@@ -1,7 +1,7 @@
 #include "harl/extent/CVMDKFlatExtentFile.h"
 
+#include "harl/format/VMDKFormatError.h"
 #include "harl/format/VMDKMarkers.h"
-#include "harl/foundation/kz/CIOError.h"
 
 namespace harl {
 
@@ -16,12 +16,11 @@ CVMDKFlatExtentFile::CVMDKFlatExtentFile(kz::IIOStream* stream, long long offset
     const long long lengthBytes = stream->getLength();
     if (offsetSectors < 0 || offsetSectors > lengthBytes / kSectorSizeBytes ||
         getSizeBytes() > lengthBytes - offsetSectors * kSectorSizeBytes) {
-        throw kz::CIOError(kz::CIOError::CorruptFormat,
-                           "VMDK flat extent file is shorter than its extent.",
-                           uriProps()
-                               .add("offsetSectors", offsetSectors)
-                               .add("sizeSectors", sizeSectors)
-                               .add("fileSize", lengthBytes));
+        throwVMDKFormatError(getURI(), "VMDK flat extent file is shorter than its extent.",
+                             kz::CProps()
+                                 .add("offsetSectors", offsetSectors)
+                                 .add("sizeSectors", sizeSectors)
+                                 .add("fileSize", lengthBytes));
     }
     offsetBytes = offsetSectors * kSectorSizeBytes;
 }

@@ -1,8 +1,8 @@
 #include "harl/extent/CVMDKScannedGrainMap.h"
 
+#include "harl/format/VMDKFormatError.h"
 #include "harl/format/VMDKMarkers.h"
 #include "harl/format/VMDKStreamOptimized.h"
-#include "harl/foundation/kz/CIOError.h"
 
 #include <algorithm>
 
@@ -110,9 +110,7 @@ long long CVMDKScannedGrainMap::getGrainPosSectors(long long grainIndex) const {
 }
 
 void CVMDKScannedGrainMap::corrupt(const kz::String& message, long long sector) const {
-    throw kz::CIOError(
-        kz::CIOError::CorruptFormat, message,
-        kz::CProps().add("uri", stream->getURI().toString(true)).add("sector", sector));
+    throwVMDKFormatError(stream->getURI(), message, kz::CProps().add("sector", sector));
 }
 
 }  // namespace harl

@@ -3,6 +3,7 @@
 #include "harl/extent/CVMDKScannedGrainMap.h"
 #include "harl/extent/CVMDKSparseExtentFile.h"
 #include "harl/format/CVMDKSparseExtentHeader.h"
+#include "harl/format/VMDKFormatError.h"
 #include "harl/format/VMDKMarkers.h"
 #include "harl/format/VMDKStreamOptimized.h"
 #include "harl/foundation/kz/CDataInStream.h"
@@ -339,28 +340,12 @@ kz::P<CVMDKSpaceInfo> CVMDKStreamOptimizedExtentFile::gatherSpaceInfo() {
 }
 
 void CVMDKStreamOptimizedExtentFile::rethrowNamingFile(long long sector) const {
-    try {
-        throw;
-    } catch (const kz::CIOError& error) {
-        if (error.getCode() != kz::CIOError::CorruptFormat || error.getProps().has("uri")) {
-            throw;
-        }
-        kz::CProps props = uriProps().add("sector", sector);
-        for (size_t i = 0; i < error.getProps().getCount(); ++i) {
-            props.add(error.getProps().getKey(i), error.getProps().getValue(i));
-        }
-        throw kz::CIOError(kz::CIOError::CorruptFormat, error.getMessage(), props,
-                           std::current_exception());
-    }
+    rethrowVMDKFormatErrorNamingFile(getURI(), kz::CProps().add("sector", sector));
 }
 
 void CVMDKStreamOptimizedExtentFile::corrupt(const kz::String& message,
                                              const kz::CProps& props) const {
-    kz::CProps all = uriProps();
-    for (size_t i = 0; i < props.getCount(); ++i) {
-        all.add(props.getKey(i), props.getValue(i));
-    }
-    throw kz::CIOError(kz::CIOError::CorruptFormat, message, all);
+    throwVMDKFormatError(getURI(), message, props);
 }
 
 }  // namespace harl
