@@ -10,7 +10,28 @@ extern char** environ;
 namespace harltest {
 
 int runQemuImg(const std::vector<std::string>& arguments, std::string* output) {
-    std::vector<std::string> words{"qemu-img"};
+    return runProgram("qemu-img", arguments, output);
+}
+
+int runQemuIo(const std::vector<std::string>& arguments, std::string* output) {
+    return runProgram("qemu-io", arguments, output);
+}
+
+void runQemuOrThrow(const std::string& program, const std::vector<std::string>& arguments) {
+    std::string output;
+    const int status = runProgram(program, arguments, &output);
+    if (status != 0) {
+        std::string line = program;
+        for (const std::string& argument : arguments) {
+            line += " " + argument;
+        }
+        throw std::runtime_error(line + " failed (" + std::to_string(status) + "): " + output);
+    }
+}
+
+int runProgram(const std::string& program, const std::vector<std::string>& arguments,
+               std::string* output) {
+    std::vector<std::string> words{program};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
     for (std::string& word : words) {
@@ -29,7 +50,7 @@ int runQemuImg(const std::vector<std::string>& arguments, std::string* output) {
     posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], STDERR_FILENO);
     posix_spawn_file_actions_addclose(&actions, pipeEnds[1]);
     pid_t pid = 0;
-    const int spawned = posix_spawnp(&pid, "qemu-img", &actions, nullptr, argv.data(), environ);
+    const int spawned = posix_spawnp(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(pipeEnds[1]);
 
