@@ -1,6 +1,7 @@
 #include "harl/disk/CVMDKImportDisk.h"
 
 #include "harl/descriptor/CVMDKDescriptorAccessor.h"
+#include "harl/disk/CVMDKDiskIOStream.h"
 #include "harl/extent/CVMDKFlatExtentFile.h"
 #include "harl/extent/CVMDKNullExtentFile.h"
 #include "harl/extent/CVMDKSparseExtentFile.h"
@@ -78,6 +79,11 @@ kz::P<CVMDKDisk> CVMDKImportDisk::open(kz::IFileSystem* fileSystem, const kz::CU
     }
     return kz::P<CVMDKDisk>(
         new CVMDKImportDisk(fileSystem, uri, compressionLevel, descriptor.get()));
+}
+
+kz::P<kz::IIOStream> CVMDKImportDisk::openStream(kz::IFileSystem* fileSystem, const kz::CURI& uri,
+                                                 const kz::String& password) {
+    return kz::makeP<CVMDKDiskIOStream>(open(fileSystem, uri, password, -1).get());
 }
 
 CVMDKImportDisk::CVMDKImportDisk(kz::IFileSystem* fileSystem, const kz::CURI& uri,

@@ -40,8 +40,8 @@ public:
     // (opening constructor, with its lock file) when the disk is one that the library's own
     // disks read, that is a descriptor with a parent, with the library's own "kz" keys, or of
     // the create types "monolithicSparse" and "twoGbMaxExtentSparse"; as a CVMDKImportDisk
-    // otherwise. The result reads bytes (wrap it in a CVMDKDiskIOStream for a kz::IIOStream)
-    // and prepared grains; compressed grains of a stream-optimized file come out as stored.
+    // otherwise. The result reads bytes and prepared grains; compressed grains of a
+    // stream-optimized file come out as they are stored.
     //
     // Throws what CVMDKDisk's opening constructor throws, or for an import disk: kz::CIOError
     // code 5 with "uri" for an unsupported create type or extent type, an extent line of
@@ -49,6 +49,11 @@ public:
     // reader refuses; the errors of the descriptor accessor and of the file system.
     static kz::P<CVMDKDisk> open(kz::IFileSystem* fileSystem, const kz::CURI& uri,
                                  const kz::String& password, int compressionLevel);
+
+    // The disk that open() gives, as a read-only stream of its bytes (CVMDKDiskIOStream); the
+    // disk closes with the stream. Throws what open() throws.
+    static kz::P<kz::IIOStream> openStream(kz::IFileSystem* fileSystem, const kz::CURI& uri,
+                                           const kz::String& password);
 
     // The descriptor as read at opening.
     kz::P<CVMDKDescriptor> getImportedDescriptor() const { return importedDescriptor; }

@@ -123,6 +123,13 @@ TEST(CVMDKImportDiskTest, ReadsDescriptorsOfMixedExtentTypes) {
     EXPECT_EQ(harltest::thrownText<kz::CError>([&] { disk->write(data.data(), 1); }),
               "-1 Internal error: CVMDKDisk::write was called, but the disk was not opened for "
               "writing.");
+    // The same disk as a stream: its length, and a lax read that stops at the end.
+    kz::P<kz::IIOStream> stream = CVMDKImportDisk::openStream(fs.get(), at("disk.vmdk"), "");
+    ASSERT_EQ(stream->getLength(), static_cast<long long>(expected.size()));
+    Bytes tail(2 * kGrain);
+    stream->seek(stream->getLength() - kGrain);
+    ASSERT_EQ(stream->readLax(tail.data(), static_cast<int>(tail.size())), kGrain);
+    EXPECT_EQ(0, std::memcmp(tail.data(), expected.data() + expected.size() - kGrain, kGrain));
 }
 
 // Descriptors and files that cannot be imported end in a CIOError code 5 that names the file.
