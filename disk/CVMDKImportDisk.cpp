@@ -92,7 +92,9 @@ CVMDKImportDisk::CVMDKImportDisk(kz::IFileSystem* fileSystem, const kz::CURI& ur
       fileSystem(fileSystem),
       compressionLevel(compressionLevel),
       importedDescriptor(descriptor) {
-    const kz::String createType = descriptor->getCreateType();
+    // A file that is no descriptor at all reads as text without this key.
+    kz::String createType;
+    descriptor->tryGetValue("createType", createType);
     if (std::none_of(std::begin(kImportedCreateTypes), std::end(kImportedCreateTypes),
                      [&](const char* type) { return createType == type; })) {
         throwVMDKFormatError(uri,

@@ -87,7 +87,7 @@ void CVMDKScannedGrainMap::addGrain(long long sector, unsigned long long lba) {
 }
 
 void CVMDKScannedGrainMap::sortAndCheck() {
-    const auto byIndex = [](const CEntry& a, const CEntry& b) {
+    const auto byIndex = [](const CStoredGrain& a, const CStoredGrain& b) {
         return a.grainIndex < b.grainIndex;
     };
     // Writers stream grains in disk order, so the sort is usually a single pass of checks.
@@ -96,7 +96,7 @@ void CVMDKScannedGrainMap::sortAndCheck() {
     }
     const auto twice = std::adjacent_find(
         grains.begin(), grains.end(),
-        [](const CEntry& a, const CEntry& b) { return a.grainIndex == b.grainIndex; });
+        [](const CStoredGrain& a, const CStoredGrain& b) { return a.grainIndex == b.grainIndex; });
     if (twice != grains.end()) {
         corrupt("VMDK stream-optimized extent holds a grain twice.", (twice + 1)->posSectors);
     }
@@ -105,7 +105,7 @@ void CVMDKScannedGrainMap::sortAndCheck() {
 long long CVMDKScannedGrainMap::getGrainPosSectors(long long grainIndex) const {
     const auto found = std::lower_bound(
         grains.begin(), grains.end(), grainIndex,
-        [](const CEntry& entry, long long index) { return entry.grainIndex < index; });
+        [](const CStoredGrain& entry, long long index) { return entry.grainIndex < index; });
     return found != grains.end() && found->grainIndex == grainIndex ? found->posSectors : 0;
 }
 

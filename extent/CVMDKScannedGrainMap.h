@@ -20,6 +20,13 @@ namespace harl {
 // map holds at most one entry per grain of the extent: 16 bytes per stored grain.
 class CVMDKScannedGrainMap : public kz::CBase {
 public:
+    struct CStoredGrain {
+        // Counted from the extent's first grain.
+        long long grainIndex;
+        // The sector of the grain's marker.
+        long long posSectors;
+    };
+
     // Walks `stream` from `firstSector`. Throws a kz::CIOError code 5 with "uri" for anything a
     // stream cannot hold, and for a file that ends before its end-of-stream marker (a stream cut
     // short). Stream errors pass through. Moves the stream's position.
@@ -30,15 +37,10 @@ public:
     // counts from the extent's first grain.
     long long getGrainPosSectors(long long grainIndex) const;
 
-    // How many grains the stream holds.
-    long long getStoredGrainCount() const { return static_cast<long long>(grains.size()); }
+    // The grains that the stream holds, in ascending grain index.
+    const std::vector<CStoredGrain>& getStoredGrains() const { return grains; }
 
 private:
-    struct CEntry {
-        long long grainIndex;
-        long long posSectors;
-    };
-
     // One step of the walk at `sector`: returns the sector behind what stands there, or -1 at
     // the end-of-stream marker.
     long long scanAt(long long sector, const unsigned char* bytes);
@@ -52,7 +54,7 @@ private:
     long long extentGrainCount;
     long long startGrainIndex;
     // Sorted by grainIndex once the walk is done.
-    std::vector<CEntry> grains;
+    std::vector<CStoredGrain> grains;
 };
 
 }  // namespace harl

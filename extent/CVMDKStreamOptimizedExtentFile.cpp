@@ -16,7 +16,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <exception>
 
 namespace harl {
 
@@ -320,16 +319,30 @@ bool CVMDKStreamOptimizedExtentFile::isGrainWritten() {
 kz::P<CVMDKSpaceInfo> CVMDKStreamOptimizedExtentFile::gatherSpaceInfo() {
     long long payloadSize = 0;
     long long payloadSizeInFile = 0;
-    for (long long grainIndex = 0; grainIndex < extentGrainCount; ++grainIndex) {
-        const long long posSectors = lookUpGrain(grainIndex);
+    const auto count = [&](long long grainIndex, long long posSectors) {
         if (posSectors != 0) {
             payloadSize += getGrainSizeBytes();
             payloadSizeInFile += checkGrainMarker(grainIndex, posSectors) * kSectorSizeBytes;
         }
+    };
+    // Only the stored grains are visited, never the whole capacity: their number is bounded by
+    // the file's length, the extent's grains by the header alone.
+    if (scannedGrains) {
+        for (const CVMDKScannedGrainMap::CStoredGrain& stored : scannedGrains->getStoredGrains()) {
+            count(stored.grainIndex, stored.posSectors);
+        }
+    }
+    for (size_t table = 0; table < directory.getUsed(); ++table) {
+        const long long first = static_cast<long long>(table) * grainsPerTable;
+        const long long end = std::min(first + grainsPerTable, extentGrainCount);
+        for (long long grainIndex = first; directory[table] != 0 && grainIndex < end;
+             ++grainIndex) {
+            count(grainIndex, lookUpGrain(grainIndex));
+        }
     }
     const long long headerSize =
-        static_cast<long long>(std::min<unsigned long long>(
-            header->getOverheadSectors(), static_cast<unsigned long long>(fileLengthBytes))) *
+        static_cast<long long>(std::min<unsigned long long>(header->getOverheadSectors(),
+                                                            fileLengthBytes / kSectorSizeBytes)) *
         kSectorSizeBytes;
     kz::P<CVMDKSpaceInfo> info = kz::makeP<CVMDKSpaceInfo>();
     info->setPayloadSize(payloadSize);

@@ -153,6 +153,7 @@ TEST(CVMDKImportDiskTest, RefusesWhatItCannotRead) {
         {"\"vmfs\"\nRW 100 SESPARSE \"short-flat.vmdk\"\n",
          "VMDK disk has an unsupported extent type: 'SESPARSE'. [uri=file:///d/disk.vmdk]"},
         {"\"vmfs\"\n", "VMDK disk has no extents. [uri=file:///d/disk.vmdk]"},
+        {"", "VMDK disk has an unsupported create type: ''. [uri=file:///d/disk.vmdk]"},
         {"\"monolithicFlat\"\nRW 101 FLAT \"short-flat.vmdk\" 0\n",
          "VMDK flat extent file is shorter than its extent. [uri=file:///d/short-flat.vmdk, "
          "offsetSectors=0, sizeSectors=101, fileSize=51200]"},
