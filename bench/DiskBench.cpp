@@ -26,16 +26,15 @@
 #include "tests/support/SampleData.h"
 #include <benchmark/benchmark.h>
 
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <sys/resource.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -109,6 +108,7 @@ void BM_OpenMonolithic2TiB(benchmark::State& state) {
         benchmark::DoNotOptimize(openDisk(name));
     }
 }
+
 BENCHMARK(BM_OpenMonolithic2TiB)->Unit(benchmark::kMicrosecond);
 
 // The bound of opening: the main file's descriptor read and parsed, nothing else.
@@ -120,6 +120,7 @@ void BM_ReadDescriptorOnly(benchmark::State& state) {
         benchmark::DoNotOptimize(kz::makeP<harl::CVMDKDescriptorAccessor>(stream.get(), kRead));
     }
 }
+
 BENCHMARK(BM_ReadDescriptorOnly)->Unit(benchmark::kMicrosecond);
 
 void BM_OpenEncrypted(benchmark::State& state) {
@@ -129,6 +130,7 @@ void BM_OpenEncrypted(benchmark::State& state) {
         benchmark::DoNotOptimize(openDisk("secret.vmdk", "password"));
     }
 }
+
 BENCHMARK(BM_OpenEncrypted)->Unit(benchmark::kMillisecond);
 
 void BM_Pbkdf2TenThousand(benchmark::State& state) {
@@ -139,6 +141,7 @@ void BM_Pbkdf2TenThousand(benchmark::State& state) {
         benchmark::DoNotOptimize(key);
     }
 }
+
 BENCHMARK(BM_Pbkdf2TenThousand)->Unit(benchmark::kMillisecond);
 
 // A chain base <- a <- b <- top: grain 0 lies in the base only, grain 1 in the top.
@@ -173,11 +176,13 @@ void readGrainRepeatedly(benchmark::State& state, long long grain) {
 void BM_ReadGrainOfTheTop(benchmark::State& state) {
     readGrainRepeatedly(state, 1);
 }
+
 BENCHMARK(BM_ReadGrainOfTheTop)->Unit(benchmark::kMicrosecond);
 
 void BM_ReadGrainThroughThreeParents(benchmark::State& state) {
     readGrainRepeatedly(state, 0);
 }
+
 BENCHMARK(BM_ReadGrainThroughThreeParents)->Unit(benchmark::kMicrosecond);
 
 // Creating 2 TiB disks: range(0) 0 monolithic, 1 split, 2 split on demand.
@@ -192,6 +197,7 @@ void BM_Create2TiB(benchmark::State& state) {
     }
     state.SetLabel(kind == 0 ? "monolithic" : kind == 1 ? "split" : "split on demand");
 }
+
 BENCHMARK(BM_Create2TiB)->DenseRange(0, 2)->Unit(benchmark::kMillisecond)->Iterations(2);
 
 void BM_QemuImgCreate2TiB(benchmark::State& state) {
@@ -206,6 +212,7 @@ void BM_QemuImgCreate2TiB(benchmark::State& state) {
     }
     state.SetLabel(subformat);
 }
+
 BENCHMARK(BM_QemuImgCreate2TiB)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->Iterations(2);
 
 // Enters every `stride`-th grain of an extent file into its grain tables (primary and
@@ -214,8 +221,8 @@ long long fakeWrittenGrains(const std::string& path, long long stride) {
     const int fd = ::open(path.c_str(), O_RDWR);
     harl::CVMDKSparseExtentHeader header;
     {
-        const kz::P<kz::IIOStream> stream = scratch().fs->open(
-            kz::CURI("file://" + path), kRead, 0);
+        const kz::P<kz::IIOStream> stream =
+            scratch().fs->open(kz::CURI("file://" + path), kRead, 0);
         kz::CDataInStream in(stream.get());
         header.load(in);
     }
@@ -241,8 +248,7 @@ long long fakeWrittenGrains(const std::string& path, long long stride) {
                     ++written;
                 }
             }
-            ::pwrite(fd, table.data(), table.size() * 4,
-                     static_cast<off_t>(tableSectors[t]) * 512);
+            ::pwrite(fd, table.data(), table.size() * 4, static_cast<off_t>(tableSectors[t]) * 512);
         }
     }
     ::ftruncate(fd, slot * 512);
@@ -251,9 +257,9 @@ long long fakeWrittenGrains(const std::string& path, long long stride) {
 }
 
 void reportSpaceWalk(benchmark::State& state, CVMDKDisk& disk, long long grains) {
-    state.counters["ns_per_grain"] = benchmark::Counter(
-        static_cast<double>(grains) * static_cast<double>(state.iterations()),
-        benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["ns_per_grain"] =
+        benchmark::Counter(static_cast<double>(grains) * static_cast<double>(state.iterations()),
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
     state.counters["cached_tables"] = disk.getGrainTableCache()->getCachedTableCount();
     struct rusage usage = {};
     ::getrusage(RUSAGE_SELF, &usage);
@@ -274,12 +280,13 @@ void BM_SpaceInfoMonolithicOnePercent(benchmark::State& state) {
     }
     reportSpaceWalk(state, *disk, kTwoTiB / kGrainBytes);
 }
+
 BENCHMARK(BM_SpaceInfoMonolithicOnePercent)->Unit(benchmark::kMillisecond)->Iterations(2);
 
 void BM_SpaceInfoSplitOnDemandThreeFiles(benchmark::State& state) {
     static bool made = [] {
-        auto disk = createDisk("holes.vmdk", kTwoTiB, "", CVMDKDisk::getDefaultFileSizeLimit(),
-                               true);
+        auto disk =
+            createDisk("holes.vmdk", kTwoTiB, "", CVMDKDisk::getDefaultFileSizeLimit(), true);
         const harltest::Bytes data(kGrainBytes, 1);
         for (long long position : {3LL << 30, 1000LL << 30}) {
             disk->seek(position);
@@ -294,6 +301,7 @@ void BM_SpaceInfoSplitOnDemandThreeFiles(benchmark::State& state) {
     }
     reportSpaceWalk(state, *disk, kTwoTiB / kGrainBytes);
 }
+
 BENCHMARK(BM_SpaceInfoSplitOnDemandThreeFiles)->Unit(benchmark::kMillisecond)->Iterations(2);
 
 }  // namespace

@@ -13,8 +13,8 @@
 #include "harl/foundation/kz/CLockFileError.h"
 #include "harl/foundation/kz/CMTRand.h"
 #include "harl/foundation/kz/CMutexLock.h"
-#include "harl/foundation/kz/SecureZero.h"
 #include "harl/foundation/kz/Log.h"
+#include "harl/foundation/kz/SecureZero.h"
 #include "harl/foundation/kz/Text.h"
 #include "harl/foundation/vesk/CCipher_AES256CBC.h"
 #include "harl/foundation/vesk/CDigestType_SHA256.h"
@@ -95,10 +95,9 @@ kz::TBuffer<unsigned char> hashKey(const kz::TCryptBuffer<unsigned char>& key) {
 
 }  // namespace
 
-CVMDKDisk::CVMDKDisk(kz::IFileSystem* fileSystem, const kz::CURI& uri,
-                     kz::IIOStream::Access access, const kz::String& password,
-                     int compressionLevel, CVMDKGrainTableCache* grainTableCache,
-                     CVMDKDisk* parentDisk)
+CVMDKDisk::CVMDKDisk(kz::IFileSystem* fileSystem, const kz::CURI& uri, kz::IIOStream::Access access,
+                     const kz::String& password, int compressionLevel,
+                     CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk)
     : fileSystem(fileSystem),
       mainFileURI(uri.toNormalized()),
       access(access),
@@ -108,9 +107,9 @@ CVMDKDisk::CVMDKDisk(kz::IFileSystem* fileSystem, const kz::CURI& uri,
     // The lock comes before any read of the disk's files, so that no writer changes them
     // under this opening.
     takeLock(uri);
-    this->grainTableCache =
-        grainTableCache ? kz::P<CVMDKGrainTableCache>(grainTableCache)
-                        : kz::makeP<CVMDKGrainTableCache>(kOwnGrainTableCacheTables);
+    this->grainTableCache = grainTableCache
+                                ? kz::P<CVMDKGrainTableCache>(grainTableCache)
+                                : kz::makeP<CVMDKGrainTableCache>(kOwnGrainTableCacheTables);
     loadDescriptor(uri);
     if (!descriptor->getKzEncryptionAlgorithm().isEmpty()) {
         setUpEncryption(uri, password);
@@ -119,25 +118,23 @@ CVMDKDisk::CVMDKDisk(kz::IFileSystem* fileSystem, const kz::CURI& uri,
     descriptor->getExtentEntries(extentInfos);
     for (const kz::P<CVMDKExtentInfo>& line : extentInfos) {
         if (line->getType() != "SPARSE") {
-            throw kz::CIOError(kz::CIOError::CorruptFormat,
-                               "VMDK disk has an unsupported extent type: '" + line->getType() +
-                                   "'.",
-                               uriProps(uri));
+            throw kz::CIOError(
+                kz::CIOError::CorruptFormat,
+                "VMDK disk has an unsupported extent type: '" + line->getType() + "'.",
+                uriProps(uri));
         }
         appendExtentRange(vmdkFileReferenceToURI(mainFileURI.getParent(), line->getFilename()),
                           line->getSizeSectors());
     }
     if (extentMap.empty()) {
-        throw kz::CIOError(kz::CIOError::CorruptFormat, "VMDK disk has no extents.",
-                           uriProps(uri));
+        throw kz::CIOError(kz::CIOError::CorruptFormat, "VMDK disk has no extents.", uriProps(uri));
     }
     readGeometry();
     const unsigned int parentContentID = descriptor->getParentContentID();
     if (parentContentID != 0xFFFFFFFFu) {
         parentDataProvider = kz::makeP<CVMDKParentDiskDataProvider>(
             fileSystem, mainFileURI, parentContentID, descriptor->getParentFileNameHint(),
-            grainSizeSectors, password, compressionLevel, this->grainTableCache.get(),
-            parentDisk);
+            grainSizeSectors, password, compressionLevel, this->grainTableCache.get(), parentDisk);
         parentDiskMainURI = parentDataProvider->getParentDiskMainFileURI();
     }
     contentIDUpdater = kz::makeP<CVMDKContentIDUpdater>(fileSystem, mainFileURI, descriptor.get());
@@ -226,13 +223,13 @@ CCreatePlan planDisk(const kz::CURI& uri, long long minSizeBytes, bool compresse
         extentFileBytes = (fileSizeLimit - 1) / 2;
         plan.embedDescriptor = true;
     }
-    const long long lineBytes = kExtentLineBytesBesideName +
-                                static_cast<long long>(uri.getName().toUTF8().size());
+    const long long lineBytes =
+        kExtentLineBytesBesideName + static_cast<long long>(uri.getName().toUTF8().size());
     const long long worstCaseDescriptorBytes =
         (lineBytes * kWorstCaseExtentLines + kDescriptorRoomBytes) / kSectorSizeBytes *
         kSectorSizeBytes;
-    const long long overhead = estimateOverheadBytes(extentFileBytes, compressed,
-                                                     plan.embedDescriptor, worstCaseDescriptorBytes);
+    const long long overhead = estimateOverheadBytes(
+        extentFileBytes, compressed, plan.embedDescriptor, worstCaseDescriptorBytes);
     const long long maxExtentPayloadBytes =
         (extentFileBytes - overhead) / kNewGrainSizeBytes * kNewGrainSizeBytes;
     if (maxExtentPayloadBytes < kNewGrainSizeBytes) {
@@ -241,7 +238,8 @@ CCreatePlan planDisk(const kz::CURI& uri, long long minSizeBytes, bool compresse
             kz::String::number(maxExtentPayloadBytes));
     }
     const long long expectedExtents = plan.sizeBytes / maxExtentPayloadBytes + 1;
-    plan.descriptorSectors = (expectedExtents * lineBytes + kDescriptorRoomBytes) / kSectorSizeBytes;
+    plan.descriptorSectors =
+        (expectedExtents * lineBytes + kDescriptorRoomBytes) / kSectorSizeBytes;
     if (plan.descriptorSectors * kSectorSizeBytes > worstCaseDescriptorBytes) {
         throw kz::CError(
             "Internal error: calculated VMDK descriptor size exceeds estimated worst case "
@@ -275,8 +273,7 @@ kz::TBuffer<unsigned char> setUpNewEncryption(CVMDKDescriptor& descriptor,
     drawRandom(salt.getData(), salt.getUsed());
     descriptor.setKzEncryptionKeyDerivationSalt(salt);
     kz::TCryptBuffer<unsigned char> derivedKey;
-    CVMDKDisk::deriveEncryptKey(derivedKey, static_cast<int>(keyBytes), password, derivation,
-                                salt);
+    CVMDKDisk::deriveEncryptKey(derivedKey, static_cast<int>(keyBytes), password, derivation, salt);
     kz::TCryptBuffer<unsigned char> dataKey(keyBytes);
     drawRandom(dataKey.getData(), dataKey.getUsed());
     kz::TBuffer<unsigned char> wrappedKey(keyBytes);
@@ -307,8 +304,8 @@ kz::P<CVMDKDisk> CVMDKDisk::create(kz::IFileSystem* fileSystem, const kz::CURI& 
                                    bool compressed, int compressionLevel, long long fileSizeLimit,
                                    const kz::String& sParentRelPath, unsigned int parentContentID,
                                    bool createExtentFilesOnDemand) {
-    const CCreatePlan plan = planDisk(uri, minSizeBytes, compressed, fileSizeLimit,
-                                      sParentRelPath, parentContentID);
+    const CCreatePlan plan =
+        planDisk(uri, minSizeBytes, compressed, fileSizeLimit, sParentRelPath, parentContentID);
     const kz::P<CVMDKDescriptor> descriptor(new CVMDKDescriptor);
     descriptor->addGenericLine("# Disk DescriptorFile", true);
     descriptor->setVersion(1);
@@ -340,9 +337,9 @@ kz::P<CVMDKDisk> CVMDKDisk::create(kz::IFileSystem* fileSystem, const kz::CURI& 
         const long long grainCount = std::min(plan.totalGrains - doneGrains, plan.grainsPerExtent);
         const kz::String name = extentFileName(uri, index, plan.embedDescriptor);
         extents.emplace_back(name, grainCount);
-        descriptor->addExtentEntry(kz::makeP<CVMDKExtentInfo>(
-                                       "RW", grainCount * kNewGrainSizeSectors, "SPARSE", name, -1)
-                                       .get());
+        descriptor->addExtentEntry(
+            kz::makeP<CVMDKExtentInfo>("RW", grainCount * kNewGrainSizeSectors, "SPARSE", name, -1)
+                .get());
         doneGrains += grainCount;
     }
     descriptor->addGenericLine("", false);
@@ -366,8 +363,8 @@ void CVMDKDisk::writeNewDiskFiles(kz::IFileSystem* fileSystem, const kz::CURI& u
                                   const kz::TArray<std::pair<kz::String, long long>>& extents,
                                   const kz::TBuffer<unsigned char>& keyHash) {
     // Every fill below comes from this buffer, so it stays zero.
-    kz::TBuffer<unsigned char> zeroBuffer(static_cast<size_t>(
-        std::max(descriptorSectors * kSectorSizeBytes, kNewGrainSizeBytes)));
+    kz::TBuffer<unsigned char> zeroBuffer(
+        static_cast<size_t>(std::max(descriptorSectors * kSectorSizeBytes, kNewGrainSizeBytes)));
     std::memset(zeroBuffer.getData(), 0, zeroBuffer.getUsed());
     if (!embedDescriptor) {
         const kz::P<kz::IIOStream> stream =
@@ -387,17 +384,16 @@ void CVMDKDisk::writeNewDiskFiles(kz::IFileSystem* fileSystem, const kz::CURI& u
         if (createExtentFilesOnDemand && index > 0) {
             continue;
         }
-        createEmptyVMDKSparseExtentFile(fileSystem, extentURI, compressed, grainCount,
-                                        kNewGrainSizeSectors, zeroBuffer,
-                                        index == 0 && embedDescriptor ? &descriptor : nullptr,
-                                        descriptorSectors, keyHash);
+        createEmptyVMDKSparseExtentFile(
+            fileSystem, extentURI, compressed, grainCount, kNewGrainSizeSectors, zeroBuffer,
+            index == 0 && embedDescriptor ? &descriptor : nullptr, descriptorSectors, keyHash);
     }
 }
 
 void CVMDKDisk::takeLock(const kz::CURI& uri) {
     const kz::CURI lockURI = siblingURI(uri, uri.getName() + ".lock");
-    const int lockType = access == kz::IIOStream::AccessReadWrite ? kz::CLockFile::Exclusive
-                                                                  : kz::CLockFile::Shared;
+    const int lockType =
+        access == kz::IIOStream::AccessReadWrite ? kz::CLockFile::Exclusive : kz::CLockFile::Shared;
     try {
         lockFile = kz::makeP<kz::CLockFile>(fileSystem.get(), lockURI, lockType, false, true);
     } catch (const kz::CLockFileError& e) {
@@ -502,15 +498,14 @@ void CVMDKDisk::deriveEncryptKey(kz::TCryptBuffer<unsigned char>& key, int keyBy
         throw kz::CInvalidArgError(where,
                                    "Unknown encryption key derivation algorithm: " + algorithm);
     }
-    const long long iterations = kz::parseInt64(
-        kz::String::fromUTF8(text.data() + strlen(kKeyDerivationPrefix),
-                             text.size() - strlen(kKeyDerivationPrefix)),
-        false);
+    const long long iterations =
+        kz::parseInt64(kz::String::fromUTF8(text.data() + strlen(kKeyDerivationPrefix),
+                                            text.size() - strlen(kKeyDerivationPrefix)),
+                       false);
     if (salt.getUsed() < kMinKeyDerivationSaltBytes) {
-        throw kz::CInvalidArgError(where, "Key derivation salt is too small: " +
-                                              kz::String::number(static_cast<long long>(
-                                                  salt.getUsed())) +
-                                              " bytes");
+        throw kz::CInvalidArgError(
+            where, "Key derivation salt is too small: " +
+                       kz::String::number(static_cast<long long>(salt.getUsed())) + " bytes");
     }
     if (iterations < kMinKeyDerivationIterations) {
         throw kz::CInvalidArgError(
@@ -555,10 +550,10 @@ kz::P<IVMDKExtentFile> CVMDKDisk::makeExtentFile(const kz::CURI& uri, long long 
             encryptionIV, encryptionKeyHash);
     }
     const kz::P<kz::IIOStream> stream = openVMDKFileStream(fileSystem.get(), uri, access);
-    return kz::makeP<CVMDKSparseExtentFile>(stream.get(), access, startGrainIndex,
-                                            compressionLevel, grainTableCache.get(),
-                                            parentDataProvider.get(), contentIDUpdater.get(),
-                                            cipher.get(), encryptionKey, encryptionIV);
+    return kz::makeP<CVMDKSparseExtentFile>(stream.get(), access, startGrainIndex, compressionLevel,
+                                            grainTableCache.get(), parentDataProvider.get(),
+                                            contentIDUpdater.get(), cipher.get(), encryptionKey,
+                                            encryptionIV);
 }
 
 kz::P<CVMDKDescriptorAccessor> CVMDKDisk::openDescriptorAccessor() {

@@ -60,17 +60,16 @@ void CVMDKParentDiskDataProvider::setDescendants(const kz::TArray<kz::CURI>& des
 }
 
 void CVMDKParentDiskDataProvider::checkChain() const {
-    const bool loops = std::find(descendants.begin(), descendants.end(), parentURI.toNormalized()) !=
-                       descendants.end();
+    const bool loops = std::find(descendants.begin(), descendants.end(),
+                                 parentURI.toNormalized()) != descendants.end();
     if (loops || descendants.size() >= static_cast<size_t>(kMaxChainLength)) {
-        throw kz::CIOError(
-            kz::CIOError::CorruptFormat,
-            loops ? kz::String("VMDK parent chain loops back to a disk of its own.")
-                  : "VMDK parent chain is longer than " + kz::String::number(kMaxChainLength) +
-                        " disks.",
-            kz::CProps()
-                .add("parentURI", parentURI.toString(true))
-                .add("childURI", childURI.toString(true)));
+        throw kz::CIOError(kz::CIOError::CorruptFormat,
+                           loops ? kz::String("VMDK parent chain loops back to a disk of its own.")
+                                 : "VMDK parent chain is longer than " +
+                                       kz::String::number(kMaxChainLength) + " disks.",
+                           kz::CProps()
+                               .add("parentURI", parentURI.toString(true))
+                               .add("childURI", childURI.toString(true)));
     }
 }
 
@@ -81,8 +80,8 @@ void CVMDKParentDiskDataProvider::ensureParentDiskOpen() {
     try {
         checkChain();
         kz::P<CVMDKDisk> opened(new CVMDKDisk(fileSystem.get(), parentURI,
-                                              kz::IIOStream::AccessRead, password,
-                                              compressionLevel, grainTableCache.get(), nullptr));
+                                              kz::IIOStream::AccessRead, password, compressionLevel,
+                                              grainTableCache.get(), nullptr));
         const unsigned int actualContentID = opened->getDescriptor()->getContentID();
         if (actualContentID != expectedContentID) {
             throw kz::CIOError(kz::CIOError::CorruptFormat,

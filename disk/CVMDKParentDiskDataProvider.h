@@ -51,14 +51,17 @@ public:
 
     kz::CURI getParentDiskMainFileURI() const { return parentURI; }
 
+    // The child's grain size, as given; every request names the grain size it wants.
+    long long getGrainSizeSectors() const { return grainSizeSectors; }
+
     // Bytes of the parent; zeros for those at or past its end.
     void getData(long long position, void* buffer, int size) override;
 
     // The parent's grain in prepared form, or a prepared grain of zeros (with `position`'s
     // grain index) past its end. A parent of another grain size or compression is refused
     // with a CError before the position is looked at.
-    void getPreparedGrainData(long long position, kz::TBuffer<unsigned char>& data,
-                              int grainSize, bool compressed) override;
+    void getPreparedGrainData(long long position, kz::TBuffer<unsigned char>& data, int grainSize,
+                              bool compressed) override;
 
     // Whether the parent, or a parent of it, holds the grain; false past the parent's end.
     bool isGrainWritten(long long position) override;

@@ -3,11 +3,10 @@
 #include "harl/foundation/kz/Log.h"
 #include "harl/foundation/kz/Text.h"
 
-#include <unistd.h>
-
 #include <climits>
 #include <cstring>
 #include <exception>
+#include <unistd.h>
 
 namespace kz {
 

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "harl/foundation/kz/CBase.h"
-#include "harl/foundation/kz/P.h"
 #include "harl/foundation/kz/CURI.h"
+#include "harl/foundation/kz/P.h"
 #include "harl/foundation/kz/String.h"
 
 #include <string>

@@ -1,6 +1,5 @@
-#include "harl/disk/CVMDKDiskIOStream.h"
-
 #include "harl/disk/CVMDKDisk.h"
+#include "harl/disk/CVMDKDiskIOStream.h"
 #include "harl/disk/CVMDKReverseIncrementalWriter.h"
 #include "harl/foundation/kz/CDataInStream.h"
 #include "harl/foundation/kz/CError.h"
@@ -125,7 +124,9 @@ TEST_F(CVMDKDiskIOStreamTest, ForwardsWhileOpenAndRefusesAfterClose) {
         [&] { stream->isEndOfStream(); },
         [&] { stream->isEndOfStream_NonBlocking(); },
         [&] { stream->write(bytes, 1, nullptr); },
-        [&] { stream->writeKeepBuffer(kz::TConstBufferSlice<unsigned char>(three, 0, 1), nullptr); },
+        [&] {
+            stream->writeKeepBuffer(kz::TConstBufferSlice<unsigned char>(three, 0, 1), nullptr);
+        },
         [&] { stream->createWriteBarrier(); },
         [&] { stream->flush(); },
         [&] { stream->setLength(1); },
@@ -175,7 +176,7 @@ TEST_F(CVMDKDiskIOStreamTest, AccountsForSpaceAcrossExtentsAndKeepsThePosition) 
     EXPECT_EQ(disk->getPosition(), 12345);
     EXPECT_EQ(written->getPayloadSize(), 3 * kGrain);
     EXPECT_LT(written->getPayloadSizeInFile(), 3 * kGrain / 2);  // text compresses
-    EXPECT_FALSE(fs->exists(at("disk-s00001.vmdk")));  // a hole, counted as nothing
+    EXPECT_FALSE(fs->exists(at("disk-s00001.vmdk")));            // a hole, counted as nothing
 
     // A grain that outgrows its slot moves: payload stays, dead space grows by the old slot.
     const Bytes noise = harltest::makeRandomData(kGrain, 2);
@@ -197,10 +198,12 @@ TEST_F(CVMDKDiskIOStreamTest, AccountsForSpaceAcrossExtentsAndKeepsThePosition) 
     EXPECT_EQ(disk->getPosition(), 777);
     // The first extent, shorter than its overhead and payload, was reported with a warning.
     ASSERT_FALSE(log.messages(kz::LogLevel::Warning).empty());
-    EXPECT_EQ(log.messages(kz::LogLevel::Warning).back().toUTF8().rfind(
-                  "Calculated negative dead space value for VMDK extent file "
-                  "'file:///d/disk.vmdk' (deadSpace: -",
-                  0),
+    EXPECT_EQ(log.messages(kz::LogLevel::Warning)
+                  .back()
+                  .toUTF8()
+                  .rfind("Calculated negative dead space value for VMDK extent file "
+                         "'file:///d/disk.vmdk' (deadSpace: -",
+                         0),
               0u);
 }
 

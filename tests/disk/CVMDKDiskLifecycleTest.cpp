@@ -1,11 +1,11 @@
 #include "harl/disk/CVMDKDisk.h"
+#include "harl/format/CVMDKSparseExtentHeader.h"
 #include "harl/foundation/kz/CError.h"
 #include "harl/foundation/kz/CFaultInjectingFileSystem.h"
 #include "harl/foundation/kz/CIOError.h"
 #include "harl/foundation/kz/CInvalidArgError.h"
 #include "harl/foundation/kz/CLockFileError.h"
 #include "harl/foundation/kz/CMemoryFileSystem.h"
-#include "harl/format/CVMDKSparseExtentHeader.h"
 
 #include "tests/support/CLogCapture.h"
 #include "tests/support/SampleData.h"
@@ -50,8 +50,8 @@ struct CModel {
         disk.seek(0);
         disk.read(read.data(), static_cast<int>(read.size()));
         for (size_t grain = 0; grain < bytes.size() / kGrain; ++grain) {
-            ASSERT_EQ(0, std::memcmp(read.data() + grain * kGrain, bytes.data() + grain * kGrain,
-                                     kGrain))
+            ASSERT_EQ(
+                0, std::memcmp(read.data() + grain * kGrain, bytes.data() + grain * kGrain, kGrain))
                 << "grain " << grain;
         }
     }
@@ -178,20 +178,20 @@ TEST_F(CVMDKDiskCreateTest, PlansTheWorkedExamples) {
 
     auto monolithic = CVMDKDisk::create(fs.get(), at("disk.vmdk"), tenGiB, "", false, 1, -1, "",
                                         0xFFFFFFFF, false);
-    EXPECT_EQ(extentsOf(*monolithic), (std::vector<std::pair<std::string, long long>>{
-                                          {"disk.vmdk", 163840}}));
+    EXPECT_EQ(extentsOf(*monolithic),
+              (std::vector<std::pair<std::string, long long>>{{"disk.vmdk", 163840}}));
     EXPECT_EQ(monolithic->getDescriptor()->getCreateType(), "monolithicSparse");
     monolithic = nullptr;
 
-    auto split = CVMDKDisk::create(fs.get(), at("disk.vmdk"), tenGiB, "", false, 1,
-                                   2147483648LL, "", 0xFFFFFFFF, false);
-    EXPECT_EQ(extentsOf(*split), (std::vector<std::pair<std::string, long long>>{
-                                     {"disk-s00000.vmdk", 32762},
-                                     {"disk-s00001.vmdk", 32762},
-                                     {"disk-s00002.vmdk", 32762},
-                                     {"disk-s00003.vmdk", 32762},
-                                     {"disk-s00004.vmdk", 32762},
-                                     {"disk-s00005.vmdk", 30}}));
+    auto split = CVMDKDisk::create(fs.get(), at("disk.vmdk"), tenGiB, "", false, 1, 2147483648LL,
+                                   "", 0xFFFFFFFF, false);
+    EXPECT_EQ(extentsOf(*split),
+              (std::vector<std::pair<std::string, long long>>{{"disk-s00000.vmdk", 32762},
+                                                              {"disk-s00001.vmdk", 32762},
+                                                              {"disk-s00002.vmdk", 32762},
+                                                              {"disk-s00003.vmdk", 32762},
+                                                              {"disk-s00004.vmdk", 32762},
+                                                              {"disk-s00005.vmdk", 30}}));
     EXPECT_EQ(lengthOf("disk.vmdk"), 65 * 512);  // the descriptor alone
     EXPECT_EQ(split->getDescriptor()->getCreateType(), "twoGbMaxExtentSparse");
     // The lines in their order, by their keys.
@@ -252,8 +252,9 @@ TEST_F(CVMDKDiskCreateTest, RefusesBadPlansBeforeTouchingAFile) {
     // and so does a limit above 2 TiB, which is taken as 2 TiB.
     for (long long limit : {-1LL, 3 * twoTiB}) {
         faulty->failOperation(1, false);
-        EXPECT_NE(thrownText<kz::CError>([&] { create(twoTiB, limit, "", 0xFFFFFFFF); })
-                      .find("Injected fault"),
+        EXPECT_NE(thrownText<kz::CError>([&] {
+                      create(twoTiB, limit, "", 0xFFFFFFFF);
+                  }).find("Injected fault"),
                   std::string::npos);
     }
 }
@@ -261,8 +262,8 @@ TEST_F(CVMDKDiskCreateTest, RefusesBadPlansBeforeTouchingAFile) {
 TEST_F(CVMDKDiskCreateTest, ANewEncryptedDiskHasFreshKeysAndItsHashInEveryHeader) {
     std::vector<std::string> keyLines;
     for (const char* name : {"a.vmdk", "b.vmdk"}) {
-        auto disk = CVMDKDisk::create(fs.get(), at(name), 0, "pw", false, 1, kMiB, "",
-                                      0xFFFFFFFF, false);
+        auto disk =
+            CVMDKDisk::create(fs.get(), at(name), 0, "pw", false, 1, kMiB, "", 0xFFFFFFFF, false);
         const auto descriptor = disk->getDescriptor();
         for (const char* key : {"kzEncIV", "kzEncKeyDerivSalt", "kzEncEncKey", "kzEncKeyHash"}) {
             keyLines.push_back(descriptor->getValue(key).toUTF8());
@@ -302,8 +303,8 @@ TEST_F(CVMDKDiskCreateTest, AFailedCreateLeavesWhatWasFinishedAndTheFirstError) 
         // Only the lock file's record of its holder, and its deletion as the disk goes, may
         // fail without failing the call.
         if (error == "nothing thrown") {
-            EXPECT_NO_THROW(CVMDKDisk(fresh.get(), at("disk.vmdk"), kRead, "", 1, nullptr,
-                                      nullptr));
+            EXPECT_NO_THROW(
+                CVMDKDisk(fresh.get(), at("disk.vmdk"), kRead, "", 1, nullptr, nullptr));
             continue;
         }
         EXPECT_NE(error.find("Injected fault"), std::string::npos) << n << " " << error;

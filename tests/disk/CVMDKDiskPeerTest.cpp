@@ -124,7 +124,8 @@ protected:
 TEST_F(CVMDKDiskPeerTest, OpensQemuMadeDisksByTheirDescriptor) {
     // Sizes that are no multiple of the grain; the split one has two extent files.
     const std::vector<std::pair<std::string, long long>> disks = {
-        {"monolithicSparse", 64 * kMiB + 4608}, {"twoGbMaxExtentSparse", 2048 * kMiB + kMiB + 4608}};
+        {"monolithicSparse", 64 * kMiB + 4608},
+        {"twoGbMaxExtentSparse", 2048 * kMiB + kMiB + 4608}};
     for (const auto& [subformat, size] : disks) {
         const std::string name = subformat + ".vmdk";
         harltest::createQemuVMDK(file(name), subformat, size);
@@ -140,8 +141,9 @@ TEST_F(CVMDKDiskPeerTest, OpensQemuMadeDisksByTheirDescriptor) {
     }
 
     // A stream-optimized file of qemu's is not a disk of ours: it is refused cleanly.
-    harltest::runQemuOrThrow("qemu-img", {"convert", "-O", "vmdk", "-o", "subformat=streamOptimized",
-                                          file("monolithicSparse.raw"), file("stream.vmdk")});
+    harltest::runQemuOrThrow("qemu-img",
+                             {"convert", "-O", "vmdk", "-o", "subformat=streamOptimized",
+                              file("monolithicSparse.raw"), file("stream.vmdk")});
     try {
         open("stream.vmdk");
         ADD_FAILURE() << "opened";
@@ -179,12 +181,14 @@ TEST_F(CVMDKDiskPeerTest, ReadsAQemuMadeChainOfThreeAndRefusesAChangedParent) {
 TEST_F(CVMDKDiskPeerTest, QemuImgReadsTheDisksWeCreate) {
     const long long size = 20 * kMiB + 4608;
     makeRawImage("image.raw", size);
+
     struct CKind {
         std::string name;
         bool compressed;
         long long limit;
         std::string password;
     };
+
     for (const CKind& kind : std::vector<CKind>{{"mono.vmdk", false, -1, ""},
                                                 {"split.vmdk", false, 4 * kMiB, ""},
                                                 {"stream.vmdk", true, -1, ""}}) {

@@ -1,6 +1,5 @@
-#include "harl/disk/CVMDKParentDiskDataProvider.h"
-
 #include "harl/disk/CVMDKDisk.h"
+#include "harl/disk/CVMDKParentDiskDataProvider.h"
 #include "harl/foundation/kz/CError.h"
 #include "harl/foundation/kz/CIOError.h"
 #include "harl/foundation/kz/CMemoryFileSystem.h"
@@ -79,9 +78,8 @@ TEST_F(CVMDKParentDiskDataProviderTest, ReadsThroughTheChainAndZerosPastTheParen
         ASSERT_EQ(0, std::memcmp(read.data() + grain * kGrain, expected.data(), kGrain)) << grain;
     }
     // The question of a written grain climbs the chain; past the parent's end it is false.
-    for (const auto& [grain, written] :
-         std::vector<std::pair<long long, bool>>{{0, true}, {1, true}, {2, true}, {9, false},
-                                                 {150, false}}) {
+    for (const auto& [grain, written] : std::vector<std::pair<long long, bool>>{
+             {0, true}, {1, true}, {2, true}, {9, false}, {150, false}}) {
         top->seek(grain * kGrain);
         EXPECT_EQ(top->isGrainWritten(), written) << grain;
         EXPECT_EQ(top->isGrainWrittenAndIndependentOfParent(), grain == 2) << grain;
@@ -201,10 +199,10 @@ TEST_F(CVMDKParentDiskDataProviderTest, RefusesChainsThatLoopOrRunTooDeep) {
     std::string parent;
     for (int level = 0; level < 300; ++level) {
         const std::string name = "deep" + std::to_string(level) + ".vmdk";
-        parentCID = CVMDKDisk::create(fs.get(), at(name), 0, "", false, 1, -1, parent, parentCID,
-                                      false)
-                        ->getDescriptor()
-                        ->getContentID();
+        parentCID =
+            CVMDKDisk::create(fs.get(), at(name), 0, "", false, 1, -1, parent, parentCID, false)
+                ->getDescriptor()
+                ->getContentID();
         parent = name;
     }
     auto deep = kz::makeP<CVMDKDisk>(fs.get(), at(parent), kRead, "", 1, nullptr, nullptr);
