@@ -11,6 +11,7 @@
 
 #include "tests/support/CLogCapture.h"
 #include "tests/support/SampleData.h"
+#include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -22,6 +23,7 @@ namespace {
 using harl::CVMDKDisk;
 using harl::CVMDKDiskIOStream;
 using harltest::Bytes;
+using harltest::errorText;
 
 constexpr long long kGrain = 65536;
 constexpr long long kDiskBytes = 8 * 1024 * 1024;
@@ -32,16 +34,6 @@ kz::CURI at(const std::string& name) {
     return kz::CURI("file:///d/" + name);
 }
 
-std::string errorText(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const kz::CFileSystemError& e) {
-        return "problem " + std::to_string(e.getProblem()) + " " + e.getMessage().toUTF8();
-    } catch (const kz::CError& e) {
-        return std::to_string(e.getCode()) + " " + e.what();
-    }
-    return "nothing thrown";
-}
 
 class CVMDKDiskIOStreamTest : public ::testing::Test {
 protected:
@@ -105,7 +97,7 @@ TEST_F(CVMDKDiskIOStreamTest, ForwardsWhileOpenAndRefusesAfterClose) {
     stream->writeKeepBuffer(kz::TConstBufferSlice<unsigned char>(three, 0, 3), nullptr);
     EXPECT_TRUE(stream->createWriteBarrier());
     EXPECT_FALSE(stream->isEndOfStream());
-    const std::string lockError = "problem 6 VMDK Disk I/O stream does not support lockRange.";
+    const std::string lockError = "problem 6 File system error 6: VMDK Disk I/O stream does not support lockRange.";
     EXPECT_EQ(errorText([&] { stream->lockRange(0, 1, kz::IStreamBase::LockShared); }), lockError);
     EXPECT_EQ(errorText([&] { stream->setLength(kDiskBytes); }), "13 ");
 
@@ -139,7 +131,7 @@ TEST_F(CVMDKDiskIOStreamTest, ForwardsWhileOpenAndRefusesAfterClose) {
     second->read(bytes + 10, 3);
     EXPECT_EQ(Bytes(bytes + 10, bytes + 13), Bytes({1, 2, 3}));
     EXPECT_EQ(errorText([&] { CVMDKDiskIOStream(fs.get(), at("none.vmdk"), kRead, ""); }),
-              "problem 1 No such file");
+              "problem 1 File system error 1: No such file [uri=file:///d/none.vmdk]");
 }
 
 TEST_F(CVMDKDiskIOStreamTest, AReadOnlyDiskFlushesNothing) {

@@ -6,6 +6,7 @@
 
 #include "tests/support/CLogCapture.h"
 #include "tests/support/SampleData.h"
+#include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -18,6 +19,7 @@ namespace {
 using harl::CVMDKDisk;
 using harl::CVMDKParentDiskDataProvider;
 using harltest::Bytes;
+using harltest::errorText;
 
 constexpr long long kGrain = 65536;
 constexpr long long kMiB = 1024 * 1024;
@@ -28,14 +30,6 @@ kz::CURI at(const std::string& name) {
     return kz::CURI("file:///d/" + name);
 }
 
-std::string errorText(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const kz::CError& e) {
-        return std::to_string(e.getCode()) + " " + e.what();
-    }
-    return "nothing thrown";
-}
 
 Bytes grainOf(unsigned seed) {
     return harltest::makeFileSystemLikeData(kGrain, seed);
