@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Runs every test from a fresh checkout: installs what is missing, builds and tests, then
-# builds again with clang under AddressSanitizer and UndefinedBehaviorSanitizer (with the
-# fuzz targets, which get a short smoke run) and tests that build too.
+# Runs every test from a fresh checkout: installs what is missing, builds and tests, installs
+# that build and builds a host program against it, then builds again with clang under
+# AddressSanitizer and UndefinedBehaviorSanitizer (with the fuzz targets, which get a short
+# smoke run) and tests that build too.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -11,6 +12,7 @@ jobs=$(nproc)
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j "$jobs"
 ctest --test-dir build --output-on-failure -j "$jobs"
+bash scripts/check-install.sh build
 
 CC=clang CXX=clang++ cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=Debug \
     -DHARL_SANITIZE=ON -DHARL_FUZZ=ON -DHARL_BENCHMARKS=OFF
