@@ -3,7 +3,7 @@
 #   <!-- quote: <file> <region> -->
 # followed by a fenced code block. It holds the lines between "[start:<region>]" and
 # "[end:<region>]" in <file> (a path from the repository root), less the indentation of the
-# start line. Fails with a diff when a quote differs; --update rewrites the guide instead.
+# start line and any blank lines at its end. Fails with a diff when a quote differs; --update rewrites the guide instead.
 set -euo pipefail
 root=${1:-.}
 mode=${2:-}
@@ -27,6 +27,7 @@ expected=$(awk -v root="$root" '
             }
         }
         close(root "/" file)
+        sub(/\n\n+$/, "\n", text)
         if (!found) {
             printf "check_guide: no region \"%s\" in %s\n", name, file > "/dev/stderr"
             exit 2

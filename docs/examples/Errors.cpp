@@ -19,7 +19,7 @@ namespace {
 
 // [start:catch]
 // One way to sort what the library throws. Every error is a kz::CError (a std::exception)
-// whose what() gives message, code, properties and cause in one line.
+// whose what() gives message, detail, properties and cause in one line.
 std::string describe(const std::function<void()>& work) {
     try {
         work();
@@ -77,9 +77,9 @@ int main() {
     return guide::run([] {
         std::vector<std::string> log;
         // [start:log-sink]
-        // The library reports through one sink per process: stderr until the host sets its
-        // own, before it uses the library. Error lines there include failures that a
-        // destructor could not throw.
+        // The library reports through one sink per process: stderr until the host sets its own,
+        // before it uses the library. Error lines there include failures that a destructor
+        // could not throw.
         kz::setLogSink([&log](kz::LogLevel level, const kz::String& message) {
             if (level == kz::LogLevel::Error) {
                 log.push_back(message.toUTF8());
