@@ -78,6 +78,11 @@ kz::CURI siblingURI(const kz::CURI& file, const kz::String& name) {
                                         name, kz::String(), kz::String());
 }
 
+// The lock file of the disk whose main file is `uri`: "<main file name>.lock" beside it.
+kz::CURI lockFileURI(const kz::CURI& uri) {
+    return siblingURI(uri, uri.getName() + ".lock");
+}
+
 kz::CProps uriProps(const kz::CURI& uri) {
     return kz::CProps().add("uri", uri.toString(true));
 }
@@ -350,8 +355,14 @@ kz::P<CVMDKDisk> CVMDKDisk::create(kz::IFileSystem* fileSystem, const kz::CURI& 
     descriptor->setGeometryHeads(255);
     descriptor->setGeometryCylinders((plan.sizeBytes / kSectorSizeBytes + 16064) / 16065);
 
-    writeNewDiskFiles(fileSystem, uri, plan.embedDescriptor, plan.descriptorSectors, compressed,
-                      createExtentFilesOnDemand, *descriptor, extents, keyHash);
+    {
+        // The files of a disk that is open elsewhere are not replaced under its user: the lock
+        // that opening takes is held while they are written.
+        const kz::P<kz::CLockFile> lock(new kz::CLockFile(
+            fileSystem, lockFileURI(uri), kz::CLockFile::Exclusive));
+        writeNewDiskFiles(fileSystem, uri, plan.embedDescriptor, plan.descriptorSectors,
+                          compressed, createExtentFilesOnDemand, *descriptor, extents, keyHash);
+    }
     return kz::makeP<CVMDKDisk>(fileSystem, uri, kz::IIOStream::AccessReadWrite, password,
                                 compressionLevel, nullptr, nullptr);
 }
@@ -391,7 +402,7 @@ void CVMDKDisk::writeNewDiskFiles(kz::IFileSystem* fileSystem, const kz::CURI& u
 }
 
 void CVMDKDisk::takeLock(const kz::CURI& uri) {
-    const kz::CURI lockURI = siblingURI(uri, uri.getName() + ".lock");
+    const kz::CURI lockURI = lockFileURI(uri);
     const int lockType =
         access == kz::IIOStream::AccessReadWrite ? kz::CLockFile::Exclusive : kz::CLockFile::Shared;
     try {
@@ -414,6 +425,11 @@ void CVMDKDisk::takeLock(const kz::CURI& uri) {
 }
 
 void CVMDKDisk::loadDescriptor(const kz::CURI& uri) {
+    // A writer opens files so that a missing one is created; opening must create nothing, so
+    // a missing main file fails as it fails for a reader.
+    if (access == kz::IIOStream::AccessReadWrite && !fileSystem->exists(mainFileURI)) {
+        openVMDKFileStream(fileSystem.get(), mainFileURI, kz::IIOStream::AccessRead);
+    }
     {
         // The accessor and its stream go at the end of this block: no stream of the main file
         // stays open behind the descriptor.
@@ -548,6 +564,10 @@ kz::P<IVMDKExtentFile> CVMDKDisk::makeExtentFile(const kz::CURI& uri, long long 
             kSectorSizeBytes, compressed, compressionLevel, parentDataProvider.get(),
             grainTableCache.get(), contentIDUpdater.get(), cipher.get(), encryptionKey,
             encryptionIV, encryptionKeyHash);
+    }
+    // As for the main file: a missing extent file is an error, never an empty new file.
+    if (access == kz::IIOStream::AccessReadWrite && !fileSystem->exists(uri)) {
+        openVMDKFileStream(fileSystem.get(), uri, kz::IIOStream::AccessRead);
     }
     const kz::P<kz::IIOStream> stream = openVMDKFileStream(fileSystem.get(), uri, access);
     return kz::makeP<CVMDKSparseExtentFile>(stream.get(), access, startGrainIndex, compressionLevel,

@@ -95,7 +95,9 @@ public:
     //
     // Every size and argument error is thrown before the first file is touched. An error while
     // the files are written leaves the files finished before it; an extent file that was being
-    // written is deleted. Files of an earlier disk of the same name are replaced.
+    // written is deleted. Files of an earlier disk of the same name are replaced, unless that
+    // disk is open: the disk's lock file is held while the files are written, and a lock held
+    // elsewhere fails the call with kz::CLockFileError before any file changes.
     static kz::P<CVMDKDisk> create(kz::IFileSystem* fileSystem, const kz::CURI& uri,
                                    long long minSizeBytes, const kz::String& password,
                                    bool compressed, int compressionLevel, long long fileSizeLimit,
