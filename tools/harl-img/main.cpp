@@ -16,7 +16,8 @@ namespace {
 
 // The library's warnings go to standard error at once. Its errors come with an exception that
 // the tool reports anyway, so they are held back and shown only if the verb ends well (a
-// failure that the library could only log, in a destructor).
+// failure that the library could only log, in a destructor). A verb that ends with another
+// exit code has said what went wrong.
 std::vector<std::string>& heldErrors() {
     static std::vector<std::string> errors;
     return errors;
@@ -37,6 +38,10 @@ void installLogSink() {
 int main(int argc, char** argv) {
     CLI::App app("harl-img: create, convert, inspect and check VMDK disk images", "harl-img");
     app.require_subcommand(1);
+    // One line, as every other error of the tool.
+    app.failure_message([](const CLI::App*, const CLI::Error& e) {
+        return "harl-img: " + std::string(e.what()) + " (see --help)\n";
+    });
     int exitCode = 0;
     harlimg::addCreateVerb(app, exitCode);
     harlimg::addConvertVerb(app, exitCode);
@@ -55,7 +60,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "harl-img: %s\n", e.what());
         return harlimg::kExitFailure;
     }
-    for (const std::string& error : heldErrors()) {
+    for (const std::string& error : exitCode == 0 ? heldErrors() : std::vector<std::string>()) {
         std::fprintf(stderr, "harl-img: error: %s\n", error.c_str());
     }
     return exitCode;
