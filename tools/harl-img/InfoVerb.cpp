@@ -48,7 +48,8 @@ Json describeExtents(kz::IFileSystem& fileSystem, const CSourceImage& image,
     for (const kz::P<harl::CVMDKExtentInfo>& line : lines) {
         const kz::CURI uri =
             harl::vmdkFileReferenceToURI(image.getURI().getParent(), line->getFilename());
-        Json extent = {{"filename", pathOf(uri)},
+        Json extent = {{"filename", line->getFilename().toUTF8()},
+                       {"path", pathOf(uri)},
                        {"type", line->getType().toUTF8()},
                        {"size-sectors", line->getSizeSectors()},
                        {"file-size", nullptr}};
@@ -73,7 +74,9 @@ Json describeParents(kz::IFileSystem& fileSystem, kz::CURI uri,
            parents.size() < harl::CVMDKParentDiskDataProvider::kMaxChainLength) {
         const unsigned int recorded = descriptor->getParentContentID();
         uri = harl::vmdkFileReferenceToURI(uri.getParent(), hint);
-        Json parent = {{"filename", pathOf(uri)}, {"recorded-content-id", hex8(recorded)}};
+        Json parent = {{"filename", hint.toUTF8()},
+                       {"path", pathOf(uri)},
+                       {"recorded-content-id", hex8(recorded)}};
         try {
             if (!seen.insert(uri.toNormalized().toString(false).toUTF8()).second) {
                 throw kz::CError("The chain of parents comes back to this disk");
