@@ -143,15 +143,16 @@ TEST_F(HarlImgTest, RoundTripsEveryFormWithQemuImgAsPeer) {
         {"stream.vmdk", {"-c", "-j", "2"}, "streamOptimized", true},
         {"split.vmdk", {"-o", "split_size=2M"}, "twoGbMaxExtentSparse", true},
         {"demand.vmdk", {"-o", "subformat=twoGbMaxExtentSparse,on_demand=on"}, "", true},
-        {"secret.vmdk", {"-o", "encrypt=on"}, "monolithicSparse", false},
+        {"secret.vmdk", {"--target-password-file", file("pw")}, "monolithicSparse", false},
         {"both.vmdk",
-         {"-c", "-o", "encrypt=on,compression_level=6", "-j", "1"},
+         {"-c", "-o", "encrypt=on,compression_level=6", "-j", "1", "--target-password-file",
+          file("pw")},
          "streamOptimized",
          false},
     };
 
     for (const auto& form : forms) {
-        Args convert = {"convert", "-q", "-O", "vmdk", "--target-password-file", file("pw")};
+        Args convert = {"convert", "-q", "-O", "vmdk"};
         convert.insert(convert.end(), form.options.begin(), form.options.end());
         ASSERT_EQ(tool(convert + Args{file("image.raw"), file(form.name)}).status, 0) << form.name;
         const Json info = json(Args{"info", "--output=json", file(form.name)} + password);

@@ -185,13 +185,14 @@ void CDiskChecker::checkTables(CExtent& extent) {
         long long redundantPos = 0;
         directory.getGrainTablePositions(t, pos, redundantPos);
         const bool redundant = extent.header->getRedundantGrainDirectoryOffsetSectors() > 0;
-        for (long long at : {pos, redundant ? redundantPos : 1}) {
-            if (at <= 0 || at + tableSectors > extent.fileSectors) {
-                corrupt(
-                    "directory", extent.uri,
-                    "grain table " + text(t) + " lies outside the file (sector " + text(at) + ")");
-                extent.badTables[t] = true;
-            }
+        const auto inFile = [&](long long at) {
+            return at > 0 && at + tableSectors <= extent.fileSectors;
+        };
+        if (!inFile(pos) || (redundant && !inFile(redundantPos))) {
+            corrupt("directory", extent.uri,
+                    "grain table " + text(t) + " or its redundant copy lies outside the file " +
+                        "(sectors " + text(pos) + " and " + text(redundantPos) + ")");
+            extent.badTables[t] = true;
         }
         if (!redundant || extent.badTables[t]) {
             continue;

@@ -1,4 +1,5 @@
 #include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CIOError.h"
 
 #include "CDiskChecker.h"
 #include "CSourceImage.h"
@@ -63,11 +64,16 @@ void printHuman(const CDiskChecker& checker) {
 int runCheck(CCheckArguments& a) {
     const kz::P<CConfinedFileSystem> fileSystem = makeFileSystem(a.common, {a.file});
     const kz::CURI uri = uriOfPath(a.file);
-    if (a.format == "raw" || !CSourceImage::looksLikeVMDK(fileSystem.get(), uri)) {
+    if (!CSourceImage::looksLikeVMDK(fileSystem.get(), uri)) {
         throw kz::CError("'" + a.file + "' is no VMDK disk; check tests VMDK disks only");
     }
-    CDiskChecker checker(fileSystem.get(), uri,
-                         CSourceImage::passwordFor(fileSystem.get(), uri, a.file, a.passwordFile));
+    kz::String password;
+    try {
+        password = CSourceImage::passwordFor(fileSystem.get(), uri, a.file, a.passwordFile);
+    } catch (const kz::CIOError&) {
+        // A descriptor that does not read is the checker's first finding.
+    }
+    CDiskChecker checker(fileSystem.get(), uri, password);
     checker.run();
     if (a.common.output == "json") {
         const Json report = {{"filename", a.file},
@@ -97,13 +103,8 @@ void addCheckVerb(CLI::App& app, int& exitCode) {
         "check",
         "Check a VMDK disk for corruption and leaked space (exit 0 clean, 2 corrupt, "
         "3 leaks only, 1 not checked)");
-    verb->add_option("-f", arguments->format, "Format of the image (vmdk)")
-        ->check(CLI::IsMember({"vmdk"}));
-    verb->add_option("--password-file", arguments->passwordFile,
-                     "File whose first line is the disk's password");
-    addOutputOption(*verb, arguments->common);
-    addAllowDirOption(*verb, arguments->common);
-    verb->add_option("filename", arguments->file, "The disk's main file")->required();
+    addImageOptions(*verb, arguments->common, arguments->format, arguments->passwordFile,
+                    arguments->file, {"vmdk"});
     verb->callback([arguments, &exitCode] { exitCode = runCheck(*arguments); });
 }
 

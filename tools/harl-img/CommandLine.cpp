@@ -76,6 +76,17 @@ void addAllowDirOption(CLI::App& verb, CCommonOptions& options) {
                     "only the folders of the files named on the command line");
 }
 
+void addImageOptions(CLI::App& verb, CCommonOptions& options, std::string& format,
+                     std::string& passwordFile, std::string& file,
+                     const std::vector<std::string>& formats) {
+    verb.add_option("-f", format, "Format of the image")->check(CLI::IsMember(formats));
+    verb.add_option("--password-file", passwordFile,
+                    "File whose first line is the disk's password");
+    addOutputOption(verb, options);
+    addAllowDirOption(verb, options);
+    verb.add_option("filename", file, "The image")->required();
+}
+
 void addProgressOptions(CLI::App& verb, CCommonOptions& options) {
     verb.add_flag("-p,--progress", options.progress,
                   "Show progress (default on a terminal): percent, throughput, time left");
@@ -100,6 +111,9 @@ void addTargetOptions(CLI::App& verb, CTargetOptions& options,
 }
 
 void applyTargetOptionList(CTargetOptions& options) {
+    // A password for the new disk asks for encryption: a disk made without it would hold in
+    // the clear what its user meant to protect.
+    options.encrypted = !options.passwordFile.empty();
     for (const std::string& item : options.optionList) {
         const size_t equals = item.find('=');
         const std::string key = item.substr(0, equals);

@@ -49,6 +49,11 @@ struct CTargetOptions {
 };
 
 void addAllowDirOption(CLI::App& verb, CCommonOptions& options);
+// The one image that info, map and check read: -f (one of `formats`), --password-file, the
+// file name; and --output and --allow-dir.
+void addImageOptions(CLI::App& verb, CCommonOptions& options, std::string& format,
+                     std::string& passwordFile, std::string& file,
+                     const std::vector<std::string>& formats);
 void addProgressOptions(CLI::App& verb, CCommonOptions& options);
 void addOutputOption(CLI::App& verb, CCommonOptions& options);
 // -c, -o and the target's --password-file (named `passwordOptionName`).

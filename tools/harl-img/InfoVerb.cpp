@@ -187,13 +187,8 @@ int runInfo(CInfoArguments& a) {
 void addInfoVerb(CLI::App& app, int& exitCode) {
     auto arguments = std::make_shared<CInfoArguments>();
     CLI::App* verb = app.add_subcommand("info", "Show what an image is and how it uses space");
-    verb->add_option("-f", arguments->format, "Format of the image (raw or vmdk)")
-        ->check(CLI::IsMember({"raw", "vmdk"}));
-    verb->add_option("--password-file", arguments->passwordFile,
-                     "File whose first line is the disk's password");
-    addOutputOption(*verb, arguments->common);
-    addAllowDirOption(*verb, arguments->common);
-    verb->add_option("filename", arguments->file, "The image")->required();
+    addImageOptions(*verb, arguments->common, arguments->format, arguments->passwordFile,
+                    arguments->file, {"raw", "vmdk"});
     verb->callback([arguments, &exitCode] { exitCode = runInfo(*arguments); });
 }
 

@@ -135,13 +135,8 @@ void addMapVerb(CLI::App& app, int& exitCode) {
     auto arguments = std::make_shared<CMapArguments>();
     CLI::App* verb = app.add_subcommand(
         "map", "Show which ranges of an image hold data and which read as zeros");
-    verb->add_option("-f", arguments->format, "Format of the image (raw or vmdk)")
-        ->check(CLI::IsMember({"raw", "vmdk"}));
-    verb->add_option("--password-file", arguments->passwordFile,
-                     "File whose first line is the disk's password");
-    addOutputOption(*verb, arguments->common);
-    addAllowDirOption(*verb, arguments->common);
-    verb->add_option("filename", arguments->file, "The image")->required();
+    addImageOptions(*verb, arguments->common, arguments->format, arguments->passwordFile,
+                    arguments->file, {"raw", "vmdk"});
     verb->callback([arguments, &exitCode] { exitCode = runMap(*arguments); });
 }
 
