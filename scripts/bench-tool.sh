@@ -33,13 +33,16 @@ echo "secret password" > password
 # ext4 with text, binaries and random files, filled to about two thirds.
 make_ext4_image() {
     local per=$((mib * 2 / 9))
+    # head ends the producers early on purpose.
+    set +o pipefail
     mkdir -p files
     seq -f "log line %g: grain written, table flushed, extent closed" 1 100000000 |
         head -c "${per}M" > files/log.txt
     find /usr/lib /usr/bin -type f -size +64k 2>/dev/null | sort | xargs cat 2>/dev/null |
         head -c "${per}M" > files/binaries.bin
     head -c "${per}M" /dev/urandom > files/random.bin
-    mkfs.ext4 -q -F -d files ext4.raw "${mib}M"
+    set -o pipefail
+    mkfs.ext4 -q -F -d files ext4.raw "${mib}M" > /dev/null
     rm -rf files
 }
 
@@ -49,8 +52,8 @@ measure() {
     for _ in $(seq "$runs"); do
         rm -rf out.* && sync
         local result
-        result=$( { /usr/bin/time -f "%e %M" sh -c "$command" > /dev/null 2> /dev/null; } 2>&1 |
-            tail -1)
+        /usr/bin/time -o time.txt -f "%e %M" sh -c "$command" > /dev/null 2>&1
+        result=$(tail -1 time.txt)
         times+=("${result% *}")
         peak=$(( ${result#* } > peak ? ${result#* } : peak ))
     done
@@ -63,7 +66,7 @@ measure() {
 bound() {
     HARL_BENCH_RAW_IMAGE=$1 "$bounds" --benchmark_filter="$2" --benchmark_repetitions="$runs" \
         --benchmark_report_aggregates_only=true --benchmark_format=csv 2> /dev/null |
-        awk -F, '/_median/ { print $3 / 1000 }'
+        awk -F, '/BM_/ { one = $3 } /_median/ { median = $3 } END { print (median != "" ? median : one) / 1000 }'
 }
 
 base=""
@@ -90,7 +93,7 @@ group() {
 
 make_ext4_image
 head -c "${mib}M" /dev/urandom > random.raw
-zeros=$(HARL_BENCH_RAW_IMAGE=ext4.raw "$tool" map --output=json ext4.raw |
+zeros=$("$tool" map --output=json ext4.raw |
     jq '[.[] | select(.zero) | .length] | add / 1048576 | floor' 2> /dev/null || echo "?")
 echo "Images: ${mib} MiB each; ext4.raw has ${zeros} MiB of zero chunks. Load: $(cut -d' ' -f1-3 /proc/loadavg)."
 echo "Medians of ${runs} runs on $(nproc) cores."
