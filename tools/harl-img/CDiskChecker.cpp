@@ -66,7 +66,12 @@ void CDiskChecker::run() {
     long long startSector = 0;
     for (size_t i = 0; i < lines.size(); ++i) {
         CExtent extent;
-        extent.uri = harl::vmdkFileReferenceToURI(uri.getParent(), lines[i]->getFilename());
+        try {
+            extent.uri = harl::vmdkFileReferenceToURI(uri.getParent(), lines[i]->getFilename());
+        } catch (const kz::CError& e) {
+            corrupt("descriptor", uri, e.what());
+            return;
+        }
         extent.startSector = startSector;
         extent.sizeSectors = lines[i]->getSizeSectors();
         if (extent.sizeSectors < 0 ||
@@ -93,21 +98,23 @@ void CDiskChecker::run() {
 
 void CDiskChecker::checkDescriptor() {
     const kz::P<kz::IIOStream> stream = harl::openVMDKFileStream(fileSystem.get(), uri, kRead);
-    bool embedded = false;
+    bool namesAnother = false;
+    kz::TArray<kz::P<harl::CVMDKExtentInfo>> lines;
     try {
         harl::CVMDKDescriptorAccessor accessor(stream.get(), kRead);
         descriptor = accessor.getDescriptor();
-        embedded = accessor.getEmbeddedInSparseExtentFile();
+        descriptor->getExtentEntries(lines);
+        namesAnother =
+            accessor.getEmbeddedInSparseExtentFile() && lines.size() == 1 &&
+            harl::vmdkFileReferenceToURI(uri.getParent(), lines[0]->getFilename()) != uri;
     } catch (const kz::CFileSystemError&) {
         throw;
     } catch (const kz::CError& e) {
         corrupt("descriptor", uri, e.what());
+        descriptor = nullptr;
         return;
     }
-    kz::TArray<kz::P<harl::CVMDKExtentInfo>> lines;
-    descriptor->getExtentEntries(lines);
-    if (embedded && lines.size() == 1 &&
-        harl::vmdkFileReferenceToURI(uri.getParent(), lines[0]->getFilename()) != uri) {
+    if (namesAnother) {
         warn("extent-name", uri,
              "the embedded extent line names '" + lines[0]->getFilename().toUTF8() +
                  "', not this file: a renamed copy of a disk reads and writes the original's "
