@@ -6,16 +6,18 @@ namespace harlimg {
 
 namespace {
 
-// Slots per worker: enough that no stage waits for another while the I/O is steady, and few
-// enough that the ring stays within a few MiB.
-constexpr size_t kSlotsPerWorker = 4;
-constexpr size_t kMinimumSlots = 8;
+// Slots: enough that a run of half the ring keeps every stage busy while the others sleep, and
+// few enough that the ring stays within a few MiB.
+constexpr size_t kSlotsPerWorker = 8;
+constexpr size_t kMinimumSlots = 32;
 
 }  // namespace
 
 CConversionPipeline::CConversionPipeline(std::vector<kz::P<harl::CVMDKDataPreparer>> preparers)
     : preparers(std::move(preparers)),
-      slots(std::max(kMinimumSlots, kSlotsPerWorker * (this->preparers.size() + 1))) {
+      slots(std::max(kMinimumSlots, kSlotsPerWorker * (this->preparers.size() + 1))),
+      batch(slots.size() / 2),
+      freeSlots(slots.size()) {
 }
 
 void CConversionPipeline::run(const Reader& reader, const Writer& writer) {
@@ -36,10 +38,15 @@ void CConversionPipeline::run(const Reader& reader, const Writer& writer) {
 
 void CConversionPipeline::readLoop(const Reader& reader) {
     for (long long sequence = 0;; ++sequence) {
-        CSlot& slot = slots[sequence % slots.size()];
+        CSlot& slot = slotOf(sequence);
         {
             std::unique_lock lock(mutex);
-            changed.wait(lock, [&] { return failure || slot.state == SlotState::Free; });
+            if (freeSlots == 0) {
+                readerWaiting = true;
+                wakeWriterIfDue();
+                readerWake.wait(lock, [&] { return failure || freeSlots >= batch; });
+                readerWaiting = false;
+            }
             if (failure) {
                 return;
             }
@@ -50,17 +57,20 @@ void CConversionPipeline::readLoop(const Reader& reader) {
         std::lock_guard lock(mutex);
         if (!more) {
             jobCount = sequence;
-            changed.notify_all();
+            workerWake.notify_all();
+            wakeWriterIfDue();
             return;
         }
+        --freeSlots;
         if (slot.job.needsPreparing) {
             slot.state = SlotState::Queued;
             queue.push_back(sequence);
+            workerWake.notify_one();
         } else {
             slot.job.result = slot.job.data;
             slot.state = SlotState::Ready;
+            wakeWriterIfDue();
         }
-        changed.notify_all();
     }
 }
 
@@ -69,37 +79,62 @@ void CConversionPipeline::prepareLoop(harl::CVMDKDataPreparer& preparer) {
         long long sequence = 0;
         {
             std::unique_lock lock(mutex);
-            changed.wait(lock, [&] { return failure || !queue.empty() || jobCount >= 0; });
+            workerWake.wait(lock, [&] { return failure || !queue.empty() || jobCount >= 0; });
             if (failure || queue.empty()) {
                 return;
             }
             sequence = queue.front();
             queue.pop_front();
         }
-        CJob& job = slots[sequence % slots.size()].job;
+        CJob& job = slotOf(sequence).job;
         job.result = preparer.prepareGrainData(job.data.get(), job.grainIndex, job.aux.get());
         std::lock_guard lock(mutex);
-        slots[sequence % slots.size()].state = SlotState::Ready;
-        changed.notify_all();
+        slotOf(sequence).state = SlotState::Ready;
+        wakeWriterIfDue();
     }
 }
 
 void CConversionPipeline::writeLoop(const Writer& writer) {
-    for (long long sequence = 0;; ++sequence) {
-        CSlot& slot = slots[sequence % slots.size()];
+    for (;;) {
         {
             std::unique_lock lock(mutex);
-            changed.wait(lock, [&] {
-                return failure || slot.state == SlotState::Ready || jobCount == sequence;
-            });
-            if (failure || slot.state != SlotState::Ready) {
+            if (!writerMayGo()) {
+                writerWaiting = true;
+                writerWake.wait(lock, [&] { return writerMayGo(); });
+                writerWaiting = false;
+            }
+            if (failure || writerNext == jobCount) {
                 return;
             }
         }
+        CSlot& slot = slotOf(writerNext);
         writer(slot.job);
         std::lock_guard lock(mutex);
         slot.state = SlotState::Free;
-        changed.notify_all();
+        ++writerNext;
+        if (++freeSlots >= batch && readerWaiting) {
+            readerWake.notify_one();
+        }
+    }
+}
+
+bool CConversionPipeline::writerMayGo() const {
+    if (failure || writerNext == jobCount) {
+        return true;
+    }
+    size_t ready = 0;
+    while (ready < batch && ready < slots.size() &&
+           slots[(writerNext + ready) % slots.size()].state == SlotState::Ready &&
+           (jobCount < 0 || writerNext + static_cast<long long>(ready) < jobCount)) {
+        ++ready;
+    }
+    // Short of a batch, go on only when no more is coming: the reader waits or is done.
+    return ready >= batch || (ready > 0 && (readerWaiting || jobCount >= 0));
+}
+
+void CConversionPipeline::wakeWriterIfDue() {
+    if (writerWaiting && writerMayGo()) {
+        writerWake.notify_one();
     }
 }
 
@@ -108,7 +143,9 @@ void CConversionPipeline::fail(std::exception_ptr error) {
     if (!failure) {
         failure = error;
     }
-    changed.notify_all();
+    readerWake.notify_all();
+    workerWake.notify_all();
+    writerWake.notify_all();
 }
 
 void CConversionPipeline::guarded(const std::function<void()>& stage) {

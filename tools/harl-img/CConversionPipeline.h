@@ -21,8 +21,14 @@ namespace harlimg {
 //
 // Grains wait in a ring of slots whose buffers are made once, so memory stays at the ring's
 // size whatever the image's size: a slot is free (the reader may fill it), queued (a worker may
-// take it), or ready (the writer may write it once every earlier slot is written). The state
-// changes under one mutex, which also hands each slot's buffers from thread to thread.
+// take it), or ready (the writer may write it once every earlier slot is written). The slots in
+// use are always one run, from the writer's next slot to the reader's. The state changes under
+// one mutex, which also hands each slot's buffers from thread to thread.
+//
+// A thread that waits is woken for half a ring of work, not for each slot: the reader once half
+// the ring is free, the writer once half the ring is ready in order (or the reader waits, or
+// the end is known). So the threads take turns in runs, which keeps the number of sleeps and
+// wake-ups low on a busy machine.
 //
 // The first exception of any stage stops all of them; run() throws it once every thread has
 // ended.
@@ -64,16 +70,30 @@ private:
     void readLoop(const Reader& reader);
     void prepareLoop(harl::CVMDKDataPreparer& preparer);
     void writeLoop(const Writer& writer);
+    // Under the mutex: whether the writer has something to do, or must end.
+    bool writerMayGo() const;
+    // Under the mutex: wakes the writer if it waits and may go.
+    void wakeWriterIfDue();
     // Records the first failure and wakes every thread.
     void fail(std::exception_ptr error);
     // Runs `stage`, turning its exception into a failure of the pipeline.
     void guarded(const std::function<void()>& stage);
 
+    CSlot& slotOf(long long sequence) { return slots[sequence % slots.size()]; }
+
     std::vector<kz::P<harl::CVMDKDataPreparer>> preparers;
     std::vector<CSlot> slots;
+    // How many slots a waiting thread waits for.
+    size_t batch;
     std::mutex mutex;
-    std::condition_variable changed;
+    std::condition_variable readerWake;
+    std::condition_variable workerWake;
+    std::condition_variable writerWake;
     std::deque<long long> queue;
+    size_t freeSlots;
+    long long writerNext = 0;
+    bool readerWaiting = false;
+    bool writerWaiting = false;
     // The number of jobs once the reader has found the end, else -1.
     long long jobCount = -1;
     std::exception_ptr failure;
