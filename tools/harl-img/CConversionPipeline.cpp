@@ -1,5 +1,6 @@
 #include "CConversionPipeline.h"
 
+#include <algorithm>
 #include <thread>
 
 namespace harlimg {
@@ -7,15 +8,18 @@ namespace harlimg {
 namespace {
 
 // Slots: enough that a run of half the ring keeps every stage busy while the others sleep, and
-// few enough that the ring stays within a few MiB.
+// few enough that the ring stays within about 12 MiB (a slot holds a grain and its worst-case
+// prepared form) however many workers there are.
 constexpr size_t kSlotsPerWorker = 8;
 constexpr size_t kMinimumSlots = 32;
+constexpr size_t kMaximumSlots = 96;
 
 }  // namespace
 
 CConversionPipeline::CConversionPipeline(std::vector<kz::P<harl::CVMDKDataPreparer>> preparers)
     : preparers(std::move(preparers)),
-      slots(std::max(kMinimumSlots, kSlotsPerWorker * (this->preparers.size() + 1))),
+      slots(
+          std::clamp(kSlotsPerWorker * (this->preparers.size() + 1), kMinimumSlots, kMaximumSlots)),
       batch(slots.size() / 2),
       freeSlots(slots.size()) {
 }

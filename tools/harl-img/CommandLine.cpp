@@ -93,6 +93,10 @@ void addProgressOptions(CLI::App& verb, CCommonOptions& options) {
     verb.add_flag("-q,--quiet", options.quiet, "No progress and no messages but errors");
 }
 
+bool wantsProgress(const CCommonOptions& options) {
+    return !options.quiet && (options.progress || isatty(STDERR_FILENO) != 0);
+}
+
 void addOutputOption(CLI::App& verb, CCommonOptions& options) {
     verb.add_option("--output", options.output, "Output format")
         ->check(CLI::IsMember({"human", "json"}));

@@ -55,6 +55,8 @@ void addImageOptions(CLI::App& verb, CCommonOptions& options, std::string& forma
                      std::string& passwordFile, std::string& file,
                      const std::vector<std::string>& formats);
 void addProgressOptions(CLI::App& verb, CCommonOptions& options);
+// Progress is shown with -p, and without it on a terminal, unless -q.
+bool wantsProgress(const CCommonOptions& options);
 void addOutputOption(CLI::App& verb, CCommonOptions& options);
 // -c, -o and the target's --password-file (named `passwordOptionName`).
 void addTargetOptions(CLI::App& verb, CTargetOptions& options,

@@ -69,7 +69,7 @@ int runCompare(CCompareArguments& a) {
         }
         std::cout << "Warning: Image size mismatch!" << std::endl;
     }
-    CProgressMeter progress(!a.common.quiet && a.common.progress,
+    CProgressMeter progress(wantsProgress(a.common),
                             std::max(first.getSizeBytes(), second.getSizeBytes()));
     const long long mismatch = findMismatch(first, second, progress);
     if (mismatch >= 0) {

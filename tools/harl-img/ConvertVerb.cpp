@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cstring>
 #include <thread>
-#include <unistd.h>
 
 namespace harlimg {
 
@@ -163,8 +162,7 @@ int runConvert(CConvertArguments& a) {
                             : std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
     CConversionPipeline pipeline(target.makePreparers(workers));
     CGrainReader reader(source, target, target.disk && target.disk->getCompressed());
-    CProgressMeter progress(!a.common.quiet && (a.common.progress || isatty(STDERR_FILENO) != 0),
-                            source.getSizeBytes());
+    CProgressMeter progress(wantsProgress(a.common), source.getSizeBytes());
     pipeline.run([&](CConversionPipeline::CJob& job) { return reader.next(job); },
                  [&](CConversionPipeline::CJob& job) {
                      target.write(job);
