@@ -117,7 +117,9 @@ public:
                 if (!disk->isGrainWritten()) {
                     continue;
                 }
-                if (sameForm && disk->isGrainWrittenAndIndependentOfParent()) {
+                // A prepared grain is a whole one: a partial last grain goes as plain data.
+                if (sameForm && position + grainBytes <= source.getSizeBytes() &&
+                    disk->isGrainWrittenAndIndependentOfParent()) {
                     disk->readPreparedGrainData(*job.data);
                     ++nextGrain;
                     return true;
