@@ -166,6 +166,17 @@ kz::P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(long long tableIndex) 
     return readTableBatch(tableIndex);
 }
 
+void CVMDKGrainDirectory::getGrainTablePositions(long long tableIndex, long long& posSectors,
+                                                 long long& redundantPosSectors) const {
+    if (tableIndex < 0 || tableIndex >= grainTableCount) {
+        throw kz::CInvalidArgError("CVMDKGrainDirectory::getGrainTablePositions",
+                                   "invalid table index: " + kz::String::number(tableIndex));
+    }
+    const size_t at = static_cast<size_t>(tableIndex);
+    posSectors = directory[at];
+    redundantPosSectors = redundantDirectory.getUsed() > 0 ? redundantDirectory[at] : 0;
+}
+
 kz::P<CVMDKGrainTable> CVMDKGrainDirectory::readTableBatch(long long tableIndex) {
     // Batches are aligned, so that neighbouring misses share one; a sequential walk thus finds
     // 31 of each 32 tables cached.

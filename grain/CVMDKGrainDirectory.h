@@ -116,6 +116,12 @@ public:
     // The slot directory's sector, 0 when there is none.
     long long getSlotDirectoryPosSectors() const { return slotDirectoryPosSectors; }
 
+    // Where table `tableIndex` and its redundant copy lie, as the two directories say, in
+    // sectors; the redundant position is 0 for a file without a redundant directory. For a
+    // checker that compares the copies. An index out of range throws kz::CInvalidArgError.
+    void getGrainTablePositions(long long tableIndex, long long& posSectors,
+                                long long& redundantPosSectors) const;
+
 private:
     void checkGeometry();
     void readDirectories();

@@ -9,6 +9,7 @@ packages=(
     libwxgtk3.2-dev zlib1g-dev libdeflate-dev libssl-dev
     clang libclang-rt-dev
     qemu-utils e2fsprogs
+    libcli11-dev nlohmann-json3-dev time
 )
 
 missing=()

@@ -92,6 +92,11 @@ TEST_F(CVMDKGrainDirectoryTest, ReadsTablesInAlignedBatches) {
             "-1 CVMDKGrainDirectory::getGrainTable: invalid table index: " + std::to_string(bad) +
                 " [uri=file:///x/a.vmdk]");
     }
+    long long redundant = 0;
+    directory->getGrainTablePositions(kTables - 1, pos, redundant);
+    EXPECT_EQ(std::pair(pos, redundant),
+              std::pair(layout.tableSectors.back(), layout.redundantTableSectors.back()));
+    EXPECT_THROW(directory->getGrainTablePositions(kTables, pos, redundant), kz::CInvalidArgError);
     // A small negative grain index reaches table 0, which refuses it.
     EXPECT_THROW(directory->getGrainInfo(-1, pos, slot), kz::CInvalidArgError);
     EXPECT_EQ(cache->getCachedTableCount(), kTables);

@@ -1,0 +1,62 @@
+#pragma once
+
+#include "harl/disk/CVMDKDisk.h"
+#include "harl/foundation/kz/CURI.h"
+#include "harl/foundation/kz/IFileSystem.h"
+#include "harl/foundation/kz/IIOStream.h"
+#include "harl/foundation/kz/P.h"
+#include "harl/foundation/kz/String.h"
+
+#include <string>
+
+namespace harlimg {
+
+// An image that a verb reads: a raw file, or a VMDK disk opened read-only (with its parents,
+// which the library opens as reads reach them). Every verb opens what it reads here, so that
+// the kinds of disk the tool accepts are decided in one place.
+class CSourceImage {
+public:
+    // Opens `path`. `format` "raw" or "vmdk", or empty to tell by the file's first bytes. An
+    // encrypted disk takes its password from `passwordFile`, else from the terminal. Throws
+    // what opening the file or the disk throws.
+    CSourceImage(kz::IFileSystem* fileSystem, const std::string& path, const std::string& format,
+                 const std::string& passwordFile);
+
+    // The one way in which the tool opens a VMDK disk for reading.
+    static kz::P<harl::CVMDKDisk> openDisk(kz::IFileSystem* fileSystem, const kz::CURI& uri,
+                                           const kz::String& password);
+
+    // True when the file starts as a sparse extent or a descriptor file does.
+    static bool looksLikeVMDK(kz::IFileSystem* fileSystem, const kz::CURI& uri);
+
+    // The password for the VMDK disk at `uri`: empty for a disk that is not encrypted and when
+    // no file is named, else as obtainPassword gives it.
+    static kz::String passwordFor(kz::IFileSystem* fileSystem, const kz::CURI& uri,
+                                  const std::string& path, const std::string& passwordFile);
+
+    bool isVMDK() const { return disk.get() != nullptr; }
+
+    // The disk, or null for a raw file.
+    harl::CVMDKDisk* getDisk() const { return disk.get(); }
+
+    // The image's bytes: the raw file, or the disk as a stream. Shared; seek before use.
+    kz::IIOStream& getStream() const { return *stream; }
+
+    long long getSizeBytes() const { return sizeBytes; }
+
+    const kz::CURI& getURI() const { return uri; }
+
+    const std::string& getPath() const { return path; }
+
+    const kz::String& getPassword() const { return password; }
+
+private:
+    std::string path;
+    kz::CURI uri;
+    kz::String password;
+    kz::P<harl::CVMDKDisk> disk;
+    kz::P<kz::IIOStream> stream;
+    long long sizeBytes = 0;
+};
+
+}  // namespace harlimg
