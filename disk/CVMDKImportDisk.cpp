@@ -28,17 +28,6 @@ const char* const kImportedCreateTypes[] = {
     "monolithicFlat",  "twoGbMaxExtentFlat", "vmfs",
     "streamOptimized", "monolithicSparse",   "twoGbMaxExtentSparse"};
 
-// Disks that CVMDKDisk opens itself: the library's own keys and parents are its business, and
-// so are the sparse create types, whose files its sparse extent reads whoever wrote them.
-bool isOwnKind(const CVMDKDescriptor& descriptor) {
-    kz::String createType;
-    descriptor.tryGetValue("createType", createType);
-    return descriptor.getParentContentID() != 0xFFFFFFFFu ||
-           !descriptor.getKzEncryptionAlgorithm().isEmpty() ||
-           descriptor.getKzCreateExtentFilesOnDemand() || createType == "monolithicSparse" ||
-           createType == "twoGbMaxExtentSparse";
-}
-
 // "<access> <size> ZERO": the line of an extent without a file, which names none and so is
 // no CVMDKExtentInfo. Gives the size, or false for any other line.
 bool tryParseZeroExtentLine(const kz::String& line, long long& sizeSectors) {
@@ -65,6 +54,17 @@ bool tryParseZeroExtentLine(const kz::String& line, long long& sizeSectors) {
 }
 
 }  // namespace
+
+// Disks that CVMDKDisk opens itself: the library's own keys and parents are its business, and
+// so are the sparse create types, whose files its sparse extent reads whoever wrote them.
+bool CVMDKImportDisk::isOwnKind(const CVMDKDescriptor& descriptor) {
+    kz::String createType;
+    descriptor.tryGetValue("createType", createType);
+    return descriptor.getParentContentID() != 0xFFFFFFFFu ||
+           !descriptor.getKzEncryptionAlgorithm().isEmpty() ||
+           descriptor.getKzCreateExtentFilesOnDemand() || createType == "monolithicSparse" ||
+           createType == "twoGbMaxExtentSparse";
+}
 
 kz::P<CVMDKDisk> CVMDKImportDisk::open(kz::IFileSystem* fileSystem, const kz::CURI& uri,
                                        const kz::String& password, int compressionLevel) {
@@ -125,6 +125,8 @@ void CVMDKImportDisk::addExtentLine(const kz::String& type, long long sizeSector
     CExtentLine line;
     line.startSector = lines.empty() ? 0 : lines.back().startSector + lines.back().sizeSectors;
     line.sizeSectors = sizeSectors;
+    line.type = type;
+    line.filename = filename;
     if (type == "SPARSE" || type == "FLAT" || type == "VMFS") {
         line.kind = type == "SPARSE" ? ExtentKind::Sparse : ExtentKind::Flat;
         line.uri = vmdkFileReferenceToURI(getMainFileURI().getParent(), filename).toNormalized();

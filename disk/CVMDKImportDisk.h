@@ -50,6 +50,9 @@ public:
     static kz::P<CVMDKDisk> open(kz::IFileSystem* fileSystem, const kz::CURI& uri,
                                  const kz::String& password, int compressionLevel);
 
+    // Whether open() opens a disk of this descriptor as CVMDKDisk, by the rule above.
+    static bool isOwnKind(const CVMDKDescriptor& descriptor);
+
     // The disk that open() gives, as a read-only stream of its bytes (CVMDKDiskIOStream); the
     // disk closes with the stream. Throws what open() throws.
     static kz::P<kz::IIOStream> openStream(kz::IFileSystem* fileSystem, const kz::CURI& uri,
@@ -57,6 +60,25 @@ public:
 
     // The descriptor as read at opening.
     kz::P<CVMDKDescriptor> getImportedDescriptor() const { return importedDescriptor; }
+
+    enum class ExtentKind { Sparse, Flat, Zero };
+
+    // One extent line, in disk order.
+    struct CExtentLine {
+        long long startSector = 0;
+        long long sizeSectors = 0;
+        ExtentKind kind = ExtentKind::Zero;
+        // As the line spells it: "SPARSE", "FLAT", "VMFS" or "ZERO".
+        kz::String type;
+        // The file as the line names it, and where it resolves; empty for a ZERO line.
+        kz::String filename;
+        kz::CURI uri;
+        long long offsetSectors = 0;
+    };
+
+    // The extent lines of a size above 0, as mapped at opening: what a host shows of the disk
+    // or checks extent by extent.
+    const std::vector<CExtentLine>& getExtentLines() const { return lines; }
 
 protected:
     // Maps the extent lines of `descriptor`, read from `uri`, and reads the grain geometry.
@@ -68,17 +90,6 @@ protected:
                                           long long rangeSizeSectors) override;
 
 private:
-    enum class ExtentKind { Sparse, Flat, Zero };
-
-    // One extent line, in disk order.
-    struct CExtentLine {
-        long long startSector = 0;
-        long long sizeSectors = 0;
-        ExtentKind kind = ExtentKind::Zero;
-        kz::CURI uri;
-        long long offsetSectors = 0;
-    };
-
     void mapExtentLines();
     void addExtentLine(const kz::String& type, long long sizeSectors, const kz::String& filename,
                        long long offsetSectors);

@@ -1,16 +1,22 @@
 // harl-img end to end, through the built program: argument errors, missing files and wrong
 // passwords; round trips of every disk form with qemu-img as a second reader where it reads
-// the form; each kind of damage that check must find; parents, confinement, map and compare.
+// the form; each kind of damage that check must find; parents, confinement, map and compare;
+// files of other writers as sources, whole and damaged.
 
 #include "harl/disk/CVMDKDisk.h"
+#include "harl/disk/CVMDKImportDisk.h"
 #include "harl/foundation/kz/CLocalFileSystem.h"
 #include "harl/grain/CVMDKGrainDirectory.h"
 
 #include "tests/support/CScratchFolder.h"
 #include "tests/support/QemuImg.h"
 #include "tests/support/SampleData.h"
+#include "tests/support/StreamOptimizedFile.h"
+#include "tests/support/TestFiles.h"
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -76,6 +82,48 @@ protected:
     template <class T>
     static std::string le(T value) {
         return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+    }
+
+    // Every stored grain of the imported disk `source` stands in the disk `target` of the
+    // library's own as the same prepared grain: the same compressed bytes.
+    void expectSamePreparedGrains(kz::IFileSystem& fs, const std::string& source,
+                                  const std::string& target) {
+        kz::P<harl::CVMDKDisk> from =
+            harl::CVMDKImportDisk::open(&fs, folder.uriOf(source), "", -1);
+        auto to = kz::makeP<harl::CVMDKDisk>(&fs, folder.uriOf(target), kz::IIOStream::AccessRead,
+                                             "", -1, nullptr, nullptr);
+        kz::TBuffer<unsigned char> a;
+        kz::TBuffer<unsigned char> b;
+        for (long long at = 0; at + kGrain <= from->getSizeBytes(); at += kGrain) {
+            from->seek(at);
+            if (!from->isGrainWritten()) {
+                continue;
+            }
+            from->readPreparedGrainData(a);
+            to->seek(at);
+            to->readPreparedGrainData(b);
+            ASSERT_EQ(a.getUsed(), b.getUsed()) << source << " grain " << at / kGrain;
+            EXPECT_EQ(0, std::memcmp(a.getData(), b.getData(), a.getUsed())) << source;
+        }
+    }
+
+    // The bytes of the raw image's grains of zeros, a partial last grain included.
+    static long long zeroGrainBytes(const std::string& path) {
+        const kz::TBuffer<unsigned char> raw = harltest::readWholeFile(path);
+        long long zeros = 0;
+        for (size_t at = 0; at < raw.getUsed(); at += kGrain) {
+            const size_t count = std::min<size_t>(kGrain, raw.getUsed() - at);
+            const unsigned char* grain = raw.getData() + at;
+            zeros += std::all_of(grain, grain + count, [](unsigned char b) { return b == 0; })
+                         ? static_cast<long long>(count)
+                         : 0;
+        }
+        return zeros;
+    }
+
+    // Counts the lines of a run's output.
+    static long long lines(const CRun& run) {
+        return std::count(run.output.begin(), run.output.end(), '\n');
     }
 
     harltest::CScratchFolder folder;
@@ -324,20 +372,158 @@ TEST_F(HarlImgTest, ImagesReachNoFileOutsideTheAllowedFolders) {
                     file("inner/child.vmdk")})
                   .status,
               0);
+    // Descriptors of another writer whose flat extent is the same file, by a relative and by an
+    // absolute name.
+    const std::string head = "# Disk DescriptorFile\nversion=1\nCID=1234abcd\nparentCID=ffffffff\n"
+                             "createType=\"monolithicFlat\"\nRW 2048 FLAT ";
+    writeText("inner/relative.vmdk", head + "\"../outside.raw\" 0\n");
+    writeText("inner/absolute.vmdk", head + "\"" + file("outside.raw") + "\" 0\n");
     const std::string refused = "Refused to reach a file outside the folders";
-    for (const Args& arguments : {Args{"convert", file("inner/child.vmdk"), file("inner/c.raw")},
-                                  Args{"create", "-b", "link.vmdk", file("inner/c2.vmdk")}}) {
+    for (const Args& arguments :
+         {Args{"convert", file("inner/child.vmdk"), file("inner/c.raw")},
+          Args{"create", "-b", "link.vmdk", file("inner/c2.vmdk")},
+          Args{"convert", file("inner/relative.vmdk"), file("inner/r.raw")},
+          Args{"convert", "-O", "vmdk", file("inner/absolute.vmdk"), file("inner/a.vmdk")},
+          Args{"check", file("inner/relative.vmdk")}, Args{"map", file("inner/absolute.vmdk")}}) {
         const CRun run = tool(arguments);
         EXPECT_EQ(run.status, 1) << run.output;
         EXPECT_NE(run.output.find(refused), std::string::npos) << run.output;
+        EXPECT_EQ(lines(run), 1) << run.output;
     }
-    // info shows what it can, and the parent's error in the chain.
+    // info shows what it can, and the error of the parent or the extent.
     EXPECT_NE(tool({"info", file("inner/child.vmdk")}).output.find(refused), std::string::npos);
-    EXPECT_EQ(tool({"convert", "-q", "--allow-dir", folder.getPath(), file("inner/child.vmdk"),
-                    file("inner/c.raw")})
-                  .status,
-              0);
-    EXPECT_EQ(tool({"compare", file("inner/c.raw"), file("outside.raw")}).status, 0);
+    EXPECT_NE(tool({"info", file("inner/relative.vmdk")}).output.find(refused), std::string::npos);
+    for (const char* image : {"inner/child.vmdk", "inner/relative.vmdk", "inner/absolute.vmdk"}) {
+        EXPECT_EQ(tool({"convert", "-q", "--allow-dir", folder.getPath(), file(image),
+                        file("inner/c.raw")})
+                      .status,
+                  0);
+        EXPECT_EQ(tool({"compare", file("inner/c.raw"), file("outside.raw")}).status, 0) << image;
+    }
+}
+
+// Files of other writers as sources, of a size that is no multiple of a grain: qemu-img's
+// stream-optimized file (also after qemu-io appended a grain to it), its flat forms, and a
+// stream-optimized file with its directory in a footer, built from the published layout. Each
+// is described, mapped and checked, converts back to its raw image, and converts into a
+// compressed disk that holds the source's own zlib streams (level 1 would compress them
+// otherwise) and that qemu-img reads.
+TEST_F(HarlImgTest, ImportsFilesOfOtherWritersPeer) {
+    HARL_SKIP_WITHOUT_QEMU_IMG();
+    const long long size = 24 * kGrain + 5 * 512;
+    // Grains 12 to 15 are zeros; qemu-io writes grain 13 of the appended file.
+    writeRaw("image.raw", size, 7);
+    std::filesystem::copy_file(file("image.raw"), file("appended.raw"));
+    const std::string append = "write -P 0x5a " + std::to_string(13 * kGrain) + " 64k";
+    harltest::runQemuOrThrow("qemu-io", {"-f", "raw", "-c", append, file("appended.raw")});
+    // A copy would name the original in its embedded extent line: qemu-img makes each file.
+    for (const std::string name : {"streamOptimized", "monolithicFlat", "twoGbMaxExtentFlat",
+                                   "appended:streamOptimized"}) {
+        harltest::runQemuOrThrow(
+            "qemu-img", {"convert", "-f", "raw", "-O", "vmdk", "-o",
+                         "subformat=" + name.substr(name.find(':') + 1), file("image.raw"),
+                         file(name.substr(0, name.find(':')) + ".vmdk")});
+    }
+    harltest::runQemuOrThrow("qemu-io", {"-f", "vmdk", "-c", append, file("appended.vmdk")});
+    const kz::TBuffer<unsigned char> raw = harltest::readWholeFile(file("image.raw"));
+    harltest::writeWholeFile(
+        file("footer.vmdk"),
+        harltest::buildStreamOptimizedFile(
+            harltest::Bytes(raw.getData(), raw.getData() + raw.getUsed()), "footer.vmdk")
+            .file);
+
+    const struct {
+        std::string name;
+        std::string raw;
+        std::string createType;
+        std::string extentType;
+    } cases[] = {
+        {"streamOptimized.vmdk", "image.raw", "streamOptimized", "SPARSE"},
+        {"appended.vmdk", "appended.raw", "streamOptimized", "SPARSE"},
+        {"monolithicFlat.vmdk", "image.raw", "monolithicFlat", "FLAT"},
+        {"twoGbMaxExtentFlat.vmdk", "image.raw", "twoGbMaxExtentFlat", "FLAT"},
+        {"footer.vmdk", "image.raw", "streamOptimized", "SPARSE"},
+    };
+    kz::P<kz::IFileSystem> fs(new kz::CLocalFileSystem);
+    for (const auto& c : cases) {
+        const Json info = json({"info", "--output=json", file(c.name)});
+        EXPECT_EQ(info["virtual-size"], size) << c.name;
+        EXPECT_EQ(info["create-type"], c.createType) << c.name;
+        EXPECT_EQ(info["extents"][0]["type"], c.extentType) << c.name;
+        const Json check = json({"check", "--output=json", file(c.name)});
+        EXPECT_EQ(check["corruptions"], 0) << check.dump();
+        EXPECT_EQ(check["leaked-bytes"], 0) << check.dump();
+        long long zeroBytes = 0;
+        for (const Json& range : json({"map", "--output=json", file(c.name)})) {
+            zeroBytes += range["zero"] ? range["length"].get<long long>() : 0;
+        }
+        // A stream-optimized file stores no grain of zeros; a flat file is all data.
+        EXPECT_EQ(zeroBytes, c.extentType == "FLAT" ? 0 : zeroGrainBytes(file(c.raw))) << c.name;
+
+        ASSERT_EQ(tool({"convert", "-q", "-O", "raw", file(c.name), file("back.raw")}).status, 0);
+        EXPECT_EQ(tool({"compare", file(c.raw), file("back.raw")}).output,
+                  "Images are identical.\n")
+            << c.name;
+        ASSERT_EQ(tool({"convert", "-q", "-O", "vmdk", "-c", "-o", "compression_level=1",
+                        file(c.name), file("ours.vmdk")})
+                      .status,
+                  0);
+        EXPECT_EQ(tool({"compare", file(c.name), file("ours.vmdk")}).output,
+                  "Warning: Image size mismatch!\nImages are identical.\n")
+            << c.name;
+        EXPECT_EQ(harltest::runQemuImg({"compare", file(c.raw), file("ours.vmdk")}), 0) << c.name;
+        if (c.extentType == "SPARSE") {
+            expectSamePreparedGrains(*fs, c.name, "ours.vmdk");
+        }
+    }
+}
+
+// Stream-optimized files damaged where a reader trusts them end in a one-line error when they
+// are converted (into a compressed disk, by prepared grains), and are corrupt to check.
+TEST_F(HarlImgTest, DamagedStreamFilesEndInClearErrors) {
+    const harltest::CStreamOptimizedLayout layout = harltest::buildStreamOptimizedFile(
+        harltest::makeFileSystemLikeData(6 * kGrain + 512, 8), "disk.vmdk");
+    harltest::writeWholeFile(file("pristine.vmdk"), layout.file);
+    const long long length = static_cast<long long>(layout.file.getUsed());
+    // The first grain is whole, and so goes into the new disk as it is stored.
+    const long long firstGrain = layout.grainSectors[0] * 512;
+    const long long lastGrain =
+        *std::max_element(layout.grainSectors.begin(), layout.grainSectors.end()) * 512;
+    // The footer is the second sector from the end; its directory offset is at byte 56.
+    const long long footer = length - 2 * 512;
+
+    const struct {
+        std::string damage;
+        std::function<void()> apply;
+        std::string message;
+    } cases[] = {
+        {"footer cut off",
+         [&] { std::filesystem::resize_file(file("disk.vmdk"), footer - 512); },
+         "ends before its end-of-stream marker"},
+        {"marker length beyond the file",
+         [&] {
+             poke("disk.vmdk", lastGrain + 8, le(static_cast<unsigned>(length - lastGrain)));
+         },
+         "grain runs past the end of the file"},
+        {"directory outside the file",
+         [&] { poke("disk.vmdk", footer + 56, le<unsigned long long>(length / 512 + 8)); },
+         "grain directory lies outside the file"},
+        {"deflate data damaged",
+         [&] { poke("disk.vmdk", firstGrain + 52, std::string(64, '\x5a')); },
+         "does not decompress"},
+    };
+    for (const auto& c : cases) {
+        std::filesystem::copy_file(file("pristine.vmdk"), file("disk.vmdk"),
+                                   std::filesystem::copy_options::overwrite_existing);
+        c.apply();
+        const CRun convert =
+            tool({"convert", "-q", "-O", "vmdk", "-c", file("disk.vmdk"), file("out.vmdk")});
+        EXPECT_EQ(convert.status, 1) << c.damage;
+        EXPECT_NE(convert.output.find(c.message), std::string::npos) << convert.output;
+        EXPECT_EQ(lines(convert), 1) << convert.output;
+        const Json report = json({"check", "--output=json", file("disk.vmdk")}, 2);
+        EXPECT_EQ(report["corruptions"], 1) << c.damage << ": " << report.dump();
+    }
 }
 
 }  // namespace

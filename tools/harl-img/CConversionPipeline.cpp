@@ -1,5 +1,7 @@
 #include "CConversionPipeline.h"
 
+#include "harl/foundation/kz/CIOError.h"
+
 #include <algorithm>
 #include <thread>
 
@@ -57,6 +59,7 @@ void CConversionPipeline::readLoop(const Reader& reader) {
         }
         // A free slot belongs to the reader alone.
         slot.job.needsPreparing = false;
+        slot.job.needsVerifying = false;
         const bool more = reader(slot.job);
         std::lock_guard lock(mutex);
         if (!more) {
@@ -66,7 +69,7 @@ void CConversionPipeline::readLoop(const Reader& reader) {
             return;
         }
         --freeSlots;
-        if (slot.job.needsPreparing) {
+        if (slot.job.needsPreparing || slot.job.needsVerifying) {
             slot.state = SlotState::Queued;
             queue.push_back(sequence);
             workerWake.notify_one();
@@ -90,12 +93,26 @@ void CConversionPipeline::prepareLoop(harl::CVMDKDataPreparer& preparer) {
             sequence = queue.front();
             queue.pop_front();
         }
-        CJob& job = slotOf(sequence).job;
-        job.result = preparer.prepareGrainData(job.data.get(), job.grainIndex, job.aux.get());
+        work(preparer, slotOf(sequence).job);
         std::lock_guard lock(mutex);
         slotOf(sequence).state = SlotState::Ready;
         wakeWriterIfDue();
     }
+}
+
+void CConversionPipeline::work(harl::CVMDKDataPreparer& preparer, CJob& job) {
+    if (job.needsPreparing) {
+        job.result = preparer.prepareGrainData(job.data.get(), job.grainIndex, job.aux.get());
+        return;
+    }
+    try {
+        preparer.unprepareGrainData(job.data.get(), job.aux.get());
+    } catch (const kz::CIOError& e) {
+        throw kz::CIOError(kz::CIOError::CorruptFormat,
+                           "Grain " + kz::String::number(job.grainIndex) +
+                               " of the source does not decompress: " + e.what());
+    }
+    job.result = job.data;
 }
 
 void CConversionPipeline::writeLoop(const Writer& writer) {

@@ -14,7 +14,8 @@
 namespace harlimg {
 
 // Moves grains from a source to a target in three stages: the calling thread reads grains,
-// worker threads prepare (compress) those that need it, each with a preparer of its own, and
+// worker threads prepare (compress) those that need it, each with a preparer of its own, or
+// prove that a grain read in prepared form unprepares (decompresses) before it is written, and
 // one writer thread writes them in the order in which they were read. The library's objects
 // stay single-threaded: the source belongs to the reader, each preparer to its worker, the
 // target to the writer.
@@ -41,6 +42,9 @@ public:
         long long sourceBytesDone = 0;
         // Set by the reader: the data needs preparing by a worker.
         bool needsPreparing = false;
+        // Set by the reader: the data is a prepared grain that a worker unprepares once, so
+        // that a grain that does not decompress fails the run rather than reach the target.
+        bool needsVerifying = false;
         // What the reader filled in; sized by the reader.
         kz::P<kz::TBuffer<unsigned char>> data{new kz::TBuffer<unsigned char>};
         // The workers' output buffer.
@@ -54,7 +58,8 @@ public:
     // Writes one job's result.
     using Writer = std::function<void(CJob& job)>;
 
-    // `preparers` one per worker thread; none is allowed when no job needs preparing.
+    // `preparers` one per worker thread; none is allowed when no job needs preparing or
+    // verifying.
     explicit CConversionPipeline(std::vector<kz::P<harl::CVMDKDataPreparer>> preparers);
 
     void run(const Reader& reader, const Writer& writer);
@@ -69,6 +74,8 @@ private:
 
     void readLoop(const Reader& reader);
     void prepareLoop(harl::CVMDKDataPreparer& preparer);
+    // A worker's part of one job: prepares it, or verifies it and passes it on.
+    static void work(harl::CVMDKDataPreparer& preparer, CJob& job);
     void writeLoop(const Writer& writer);
     // Under the mutex: whether the writer has something to do, or must end.
     bool writerMayGo() const;

@@ -2,6 +2,7 @@
 
 #include "harl/descriptor/CVMDKDescriptorAccessor.h"
 #include "harl/descriptor/CVMDKExtentInfo.h"
+#include "harl/disk/CVMDKImportDisk.h"
 #include "harl/extent/CVMDKSparseExtentFile.h"
 #include "harl/format/CVMDKSparseExtentHeader.h"
 #include "harl/format/VMDKFileReference.h"
@@ -60,7 +61,14 @@ void CDiskChecker::run() {
     if (!descriptor) {
         return;
     }
+    const bool own = CSourceImage::isOwnDisk(fileSystem.get(), uri);
     openDisk();
+    if (!own) {
+        if (disk) {
+            checkImportedDisk();
+        }
+        return;
+    }
     kz::TArray<kz::P<harl::CVMDKExtentInfo>> lines;
     descriptor->getExtentEntries(lines);
     long long startSector = 0;
@@ -127,6 +135,57 @@ void CDiskChecker::openDisk() {
         disk = CSourceImage::openDisk(fileSystem.get(), uri, password);
     } catch (const kz::CIOError& e) {
         corrupt("disk", uri, e.what());
+    }
+}
+
+void CDiskChecker::checkImportedDisk() {
+    const auto& imported = dynamic_cast<const harl::CVMDKImportDisk&>(*disk);
+    const long long grainBytes = disk->getGrainSizeBytes();
+    totalGrains = (disk->getSizeBytes() + grainBytes - 1) / grainBytes;
+    for (const harl::CVMDKImportDisk::CExtentLine& line : imported.getExtentLines()) {
+        const long long startBytes = line.startSector * harl::kSectorSizeBytes;
+        const long long endBytes = startBytes + line.sizeSectors * harl::kSectorSizeBytes;
+        try {
+            // Opens the extent, which checks its file: a flat file's length, a stream-optimized
+            // file's header, footer and directory, or its markers when it has no directory.
+            disk->seek(startBytes);
+            disk->isGrainWritten();
+        } catch (const kz::CFileSystemError&) {
+            throw;
+        } catch (const kz::CError& e) {
+            corrupt("extent", line.uri.isEmpty() ? uri : line.uri, e.what());
+            continue;
+        }
+        if (line.kind == harl::CVMDKImportDisk::ExtentKind::Flat) {
+            allocatedGrains += (endBytes - startBytes + grainBytes - 1) / grainBytes;
+        } else if (line.kind == harl::CVMDKImportDisk::ExtentKind::Sparse) {
+            readImportedGrains(line.uri, startBytes, endBytes);
+        }
+    }
+}
+
+void CDiskChecker::readImportedGrains(const kz::CURI& extentURI, long long startBytes,
+                                      long long endBytes) {
+    const long long grainBytes = disk->getGrainSizeBytes();
+    std::vector<unsigned char> data(static_cast<size_t>(grainBytes));
+    for (long long position = startBytes; position < endBytes;
+         position = (position / grainBytes + 1) * grainBytes) {
+        const long long count = std::min((position / grainBytes + 1) * grainBytes, endBytes) -
+                                position;
+        try {
+            disk->seek(position);
+            if (!disk->isGrainWritten()) {
+                continue;
+            }
+            ++allocatedGrains;
+            compressedGrains += disk->getCompressed() ? 1 : 0;
+            disk->read(data.data(), static_cast<int>(count));
+        } catch (const kz::CFileSystemError&) {
+            throw;
+        } catch (const kz::CError& e) {
+            corrupt("grain", extentURI,
+                    "grain " + text(position / grainBytes) + " does not read: " + e.what());
+        }
     }
 }
 

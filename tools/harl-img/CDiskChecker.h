@@ -32,6 +32,11 @@ namespace harlimg {
 // - what is left of a file beyond its metadata, its live slots and a compressed extent's
 //   closing sectors is leaked (dead) space.
 //
+// A disk of another writer (harl::CVMDKImportDisk) is checked through the import disk alone:
+// every extent opens (a flat file holds its extent, a stream-optimized file's directory or
+// markers lead to its grains), and every stored grain reads and decompresses. Its footer,
+// markers and descriptor are its format, not leaked space.
+//
 // Corruption is recorded, not thrown, and the check goes on where it can. A failure of the file
 // system or a wrong password is thrown: then the disk could not be checked.
 class CDiskChecker {
@@ -88,6 +93,9 @@ private:
 
     void checkDescriptor();
     void openDisk();
+    void checkImportedDisk();
+    // Reads every grain that the extent stores, from `startBytes` to `endBytes` of the disk.
+    void readImportedGrains(const kz::CURI& extentURI, long long startBytes, long long endBytes);
     void checkExtent(CExtent& extent);
     void openExtent(CExtent& extent);
     void checkTables(CExtent& extent);

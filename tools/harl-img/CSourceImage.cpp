@@ -1,14 +1,67 @@
 #include "CSourceImage.h"
 
 #include "harl/disk/CVMDKDiskIOStream.h"
+#include "harl/disk/CVMDKImportDisk.h"
 #include "harl/format/CVMDKSparseExtentHeader.h"
+#include "harl/format/VMDKFileReference.h"
+#include "harl/format/VMDKFileStream.h"
+#include "harl/format/VMDKStreamOptimized.h"
+#include "harl/foundation/kz/CDataInStream.h"
 #include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CFileSystemError.h"
+#include "harl/grain/CVMDKGrainDirectory.h"
+#include "harl/grain/CVMDKGrainTableCache.h"
 
 #include "CommandLine.h"
 
 #include <cstring>
 
 namespace harlimg {
+
+namespace {
+
+const kz::IIOStream::Access kRead = kz::IIOStream::AccessRead;
+
+// Whether the disk at `uri` is a compressed disk of the library's own. Its create type,
+// "streamOptimized", is that of other writers' stream-optimized files, which the import disk
+// reads; what tells them apart is the slot directory that the library keeps behind the grain
+// tables of its compressed extents. A first extent that does not read as far as that is no
+// disk of the library's own: the import disk then says what is wrong with it.
+bool isOwnCompressedDisk(kz::IFileSystem* fileSystem, const kz::CURI& uri,
+                         const harl::CVMDKDescriptor& descriptor) {
+    kz::TArray<kz::P<harl::CVMDKExtentInfo>> lines;
+    descriptor.getExtentEntries(lines);
+    if (descriptor.getCreateType() != "streamOptimized" || lines.empty() ||
+        lines[0]->getType() != "SPARSE") {
+        return false;
+    }
+    try {
+        const kz::P<kz::IIOStream> stream = harl::openVMDKFileStream(
+            fileSystem, harl::vmdkFileReferenceToURI(uri.getParent(), lines[0]->getFilename()),
+            kRead);
+        harl::CVMDKSparseExtentHeader header;
+        kz::CDataInStream in(stream.get());
+        header.load(in);
+        if (header.getGrainDirectoryOffsetSectors() == harl::kVMDKGrainDirectoryAtEnd) {
+            return false;
+        }
+        // Read as uncompressed, the directory looks for the slot directory without requiring it.
+        const harl::CVMDKGrainDirectory directory(
+            stream.get(), kRead, static_cast<long long>(header.getGrainDirectoryOffsetSectors()),
+            static_cast<long long>(header.getRedundantGrainDirectoryOffsetSectors()),
+            static_cast<long long>(header.getCapacitySectors()),
+            static_cast<long long>(header.getGrainSizeSectors()),
+            static_cast<int>(header.getGrainTableEntryCount()), false,
+            new harl::CVMDKGrainTableCache);
+        return directory.getHaveSlotSizeInfo();
+    } catch (const kz::CFileSystemError&) {
+        throw;
+    } catch (const kz::CError&) {
+        return false;
+    }
+}
+
+}  // namespace
 
 CSourceImage::CSourceImage(kz::IFileSystem* fileSystem, const std::string& path,
                            const std::string& format, const std::string& passwordFile)
@@ -22,21 +75,36 @@ CSourceImage::CSourceImage(kz::IFileSystem* fileSystem, const std::string& path,
         disk = openDisk(fileSystem, uri, password);
         stream = new harl::CVMDKDiskIOStream(disk.get());
     } else {
-        stream = fileSystem->open(uri, kz::IIOStream::AccessRead, 0);
+        stream = fileSystem->open(uri, kRead, 0);
     }
     sizeBytes = stream->getLength();
 }
 
 kz::P<harl::CVMDKDisk> CSourceImage::openDisk(kz::IFileSystem* fileSystem, const kz::CURI& uri,
                                               const kz::String& password) {
-    return kz::makeP<harl::CVMDKDisk>(fileSystem, uri, kz::IIOStream::AccessRead, password, -1,
-                                      nullptr, nullptr);
+    if (isOwnDisk(fileSystem, uri)) {
+        return kz::makeP<harl::CVMDKDisk>(fileSystem, uri, kRead, password, -1, nullptr, nullptr);
+    }
+    return harl::CVMDKImportDisk::open(fileSystem, uri, password, -1);
+}
+
+bool CSourceImage::isOwnDisk(kz::IFileSystem* fileSystem, const kz::CURI& uri) {
+    const kz::P<harl::CVMDKDescriptor> descriptor = readDescriptor(fileSystem, uri);
+    return harl::CVMDKImportDisk::isOwnKind(*descriptor) ||
+           isOwnCompressedDisk(fileSystem, uri, *descriptor);
+}
+
+kz::P<harl::CVMDKDescriptor> CSourceImage::descriptorOf(const harl::CVMDKDisk& disk) {
+    if (const auto* imported = dynamic_cast<const harl::CVMDKImportDisk*>(&disk)) {
+        return imported->getImportedDescriptor();
+    }
+    return disk.getDescriptor();
 }
 
 bool CSourceImage::looksLikeVMDK(kz::IFileSystem* fileSystem, const kz::CURI& uri) {
     static const char kDescriptorStart[] = "# Disk DescriptorFile";
     unsigned char start[sizeof kDescriptorStart] = {};
-    const kz::P<kz::IIOStream> file = fileSystem->open(uri, kz::IIOStream::AccessRead, 0);
+    const kz::P<kz::IIOStream> file = fileSystem->open(uri, kRead, 0);
     file->readLax(start, sizeof start);
     const uint32_t magic = start[0] | start[1] << 8 | start[2] << 16 | uint32_t(start[3]) << 24;
     return magic == harl::kVMDKSparseHeaderMagic ||

@@ -22,11 +22,22 @@ public:
     CSourceImage(kz::IFileSystem* fileSystem, const std::string& path, const std::string& format,
                  const std::string& passwordFile);
 
-    // The one way in which the tool opens a VMDK disk for reading.
+    // The one way in which the tool opens a VMDK disk for reading. The library's own disks open
+    // as harl::CVMDKDisk, with their lock file; disks of other writers (flat, VMFS and zero
+    // extents, stream-optimized files) as a harl::CVMDKImportDisk, read only and without a lock.
+    // Throws what opening the disk throws.
     static kz::P<harl::CVMDKDisk> openDisk(kz::IFileSystem* fileSystem, const kz::CURI& uri,
                                            const kz::String& password);
 
-    // True when the file starts as a sparse extent or a descriptor file does.
+    // Whether openDisk opens the disk at `uri` as one of the library's own. Throws what reading
+    // its descriptor throws.
+    static bool isOwnDisk(kz::IFileSystem* fileSystem, const kz::CURI& uri);
+
+    // The descriptor of an open disk: the library's own, or what an import disk read.
+    static kz::P<harl::CVMDKDescriptor> descriptorOf(const harl::CVMDKDisk& disk);
+
+    // True when the file starts as a sparse extent or a descriptor file does. A flat extent
+    // file is raw: its descriptor is the VMDK disk.
     static bool looksLikeVMDK(kz::IFileSystem* fileSystem, const kz::CURI& uri);
 
     // The password for the VMDK disk at `uri`: empty for a disk that is not encrypted and when

@@ -102,9 +102,12 @@ public:
           disk(source.getDisk()),
           grainBytes(target.grainBytes),
           prepare(prepare),
-          // Grains of one size and compression pass as they are stored, compressed or not.
+          // Compressed grains of one size pass as they are stored, those of another writer's
+          // stream-optimized file too: nothing is decompressed and compressed again. Plain
+          // grains are read as bytes, so that grains of zeros stay out of the target (a flat
+          // extent says every grain is written).
           sameForm(disk && target.disk && disk->getGrainSizeBytes() == grainBytes &&
-                   disk->getCompressed() == target.disk->getCompressed()),
+                   disk->getCompressed() && target.disk->getCompressed()),
           askDisk(disk && disk->getGrainSizeBytes() == grainBytes) {}
 
     bool next(CConversionPipeline::CJob& job) {
@@ -121,6 +124,7 @@ public:
                 if (sameForm && position + grainBytes <= source.getSizeBytes() &&
                     disk->isGrainWrittenAndIndependentOfParent()) {
                     disk->readPreparedGrainData(*job.data);
+                    job.needsVerifying = true;
                     ++nextGrain;
                     return true;
                 }

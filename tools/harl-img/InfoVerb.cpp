@@ -1,6 +1,8 @@
 #include "harl/descriptor/CVMDKExtentInfo.h"
+#include "harl/disk/CVMDKImportDisk.h"
 #include "harl/disk/CVMDKParentDiskDataProvider.h"
 #include "harl/format/VMDKFileReference.h"
+#include "harl/foundation/kz/CFileSystemError.h"
 #include "harl/foundation/kz/CLocalFileSystem.h"
 
 #include "CSourceImage.h"
@@ -11,6 +13,7 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <vector>
 
 namespace harlimg {
 
@@ -39,27 +42,73 @@ long long fileSize(kz::IFileSystem& fileSystem, const kz::CURI& uri) {
     return fileSystem.open(uri, kz::IIOStream::AccessRead, 0)->getLength();
 }
 
-// Every extent line with its file's size; a file that does not exist (yet) has size null.
-Json describeExtents(kz::IFileSystem& fileSystem, const CSourceImage& image,
-                     long long& actualSize) {
+// One extent line as info shows it.
+struct CExtentRow {
+    std::string filename;
+    std::string type;
+    long long sizeSectors = 0;
+    // Empty for a ZERO extent, which has no file.
+    kz::CURI uri;
+};
+
+std::vector<CExtentRow> extentRowsOf(const CSourceImage& image) {
+    std::vector<CExtentRow> rows;
+    if (const auto* imported = dynamic_cast<const harl::CVMDKImportDisk*>(image.getDisk())) {
+        for (const harl::CVMDKImportDisk::CExtentLine& line : imported->getExtentLines()) {
+            rows.push_back({line.filename.toUTF8(), line.type.toUTF8(), line.sizeSectors,
+                            line.uri});
+        }
+        return rows;
+    }
     kz::TArray<kz::P<harl::CVMDKExtentInfo>> lines;
     image.getDisk()->getDescriptor()->getExtentEntries(lines);
-    Json extents = Json::array();
     for (const kz::P<harl::CVMDKExtentInfo>& line : lines) {
-        const kz::CURI uri =
-            harl::vmdkFileReferenceToURI(image.getURI().getParent(), line->getFilename());
-        Json extent = {{"filename", line->getFilename().toUTF8()},
-                       {"path", pathOf(uri)},
-                       {"type", line->getType().toUTF8()},
-                       {"size-sectors", line->getSizeSectors()},
+        rows.push_back(
+            {line->getFilename().toUTF8(), line->getType().toUTF8(), line->getSizeSectors(),
+             harl::vmdkFileReferenceToURI(image.getURI().getParent(), line->getFilename())});
+    }
+    return rows;
+}
+
+// Every extent line with its file's size; a file that does not exist (yet), and the missing
+// file of a ZERO extent, have size null. A file that cannot be reached (outside the allowed
+// folders) is shown with the error.
+Json describeExtents(kz::IFileSystem& fileSystem, const CSourceImage& image,
+                     long long& actualSize) {
+    Json extents = Json::array();
+    for (const CExtentRow& row : extentRowsOf(image)) {
+        const bool hasFile = !row.uri.isEmpty();
+        Json extent = {{"filename", row.filename},
+                       {"path", hasFile ? Json(pathOf(row.uri)) : Json()},
+                       {"type", row.type},
+                       {"size-sectors", row.sizeSectors},
                        {"file-size", nullptr}};
-        if (fileSystem.exists(uri)) {
-            extent["file-size"] = fileSize(fileSystem, uri);
-            actualSize += extent["file-size"].get<long long>();
+        try {
+            if (hasFile && fileSystem.exists(row.uri)) {
+                extent["file-size"] = fileSize(fileSystem, row.uri);
+                actualSize += extent["file-size"].get<long long>();
+            }
+        } catch (const kz::CFileSystemError& e) {
+            extent["error"] = e.what();
         }
         extents.push_back(extent);
     }
     return extents;
+}
+
+// How the disk's files spend their bytes; null, with the reason, where the library cannot tell
+// (a damaged file of another writer, an extent that cannot be reached).
+Json describeSpace(harl::CVMDKDisk& disk, Json& info) {
+    try {
+        const kz::P<harl::CVMDKSpaceInfo> space = disk.gatherSpaceInfo();
+        return {{"payload", space->getPayloadSize()},
+                {"payload-in-file", space->getPayloadSizeInFile()},
+                {"header", space->getHeaderSize()},
+                {"dead-space", space->getDeadSpaceSize()}};
+    } catch (const kz::CError& e) {
+        info["space-error"] = e.what();
+        return nullptr;
+    }
 }
 
 // The parents from the child down, read from their descriptors; a parent that cannot be read
@@ -96,12 +145,11 @@ Json describeParents(kz::IFileSystem& fileSystem, kz::CURI uri,
 
 Json describeVMDK(kz::IFileSystem& fileSystem, const CSourceImage& image) {
     harl::CVMDKDisk& disk = *image.getDisk();
-    const kz::P<harl::CVMDKDescriptor> descriptor = disk.getDescriptor();
+    const kz::P<harl::CVMDKDescriptor> descriptor = CSourceImage::descriptorOf(disk);
     long long actualSize = 0;
     Json extents = describeExtents(fileSystem, image, actualSize);
-    const kz::P<harl::CVMDKSpaceInfo> space = disk.gatherSpaceInfo();
     const kz::String encryption = descriptor->getKzEncryptionAlgorithm();
-    return {{"filename", image.getPath()},
+    Json info = {{"filename", image.getPath()},
             {"format", "vmdk"},
             {"virtual-size", disk.getSizeBytes()},
             {"actual-size", actualSize},
@@ -112,12 +160,9 @@ Json describeVMDK(kz::IFileSystem& fileSystem, const CSourceImage& image) {
             {"encryption", encryption.toUTF8()},
             {"content-id", hex8(descriptor->getContentID())},
             {"extents", extents},
-            {"parents", describeParents(fileSystem, image.getURI(), descriptor)},
-            {"space",
-             {{"payload", space->getPayloadSize()},
-              {"payload-in-file", space->getPayloadSizeInFile()},
-              {"header", space->getHeaderSize()},
-              {"dead-space", space->getDeadSpaceSize()}}}};
+            {"parents", describeParents(fileSystem, image.getURI(), descriptor)}};
+    info["space"] = describeSpace(disk, info);
+    return info;
 }
 
 std::string sizeText(const Json& bytes) {
@@ -143,7 +188,13 @@ void printHuman(const Json& info) {
     for (const Json& extent : info["extents"]) {
         std::cout << "    " << extent["filename"].get<std::string>() << ": "
                   << extent["type"].get<std::string>() << ", " << extent["size-sectors"]
-                  << " sectors, file " << sizeText(extent["file-size"]) << "\n";
+                  << " sectors";
+        if (extent.contains("error")) {
+            std::cout << ", " << extent["error"].get<std::string>();
+        } else if (!extent["path"].is_null()) {
+            std::cout << ", file " << sizeText(extent["file-size"]);
+        }
+        std::cout << "\n";
     }
     for (const Json& parent : info["parents"]) {
         std::cout << "parent: " << parent["filename"].get<std::string>() << ", content id "
@@ -155,6 +206,10 @@ void printHuman(const Json& info) {
                   << ")\n";
     }
     const Json& space = info["space"];
+    if (space.is_null()) {
+        std::cout << "space: not known: " << info["space-error"].get<std::string>() << "\n";
+        return;
+    }
     std::cout << "space:\n"
               << "    payload: " << sizeText(space["payload"]) << "\n"
               << "    payload in file: " << sizeText(space["payload-in-file"]) << "\n"
