@@ -374,8 +374,9 @@ TEST_F(HarlImgTest, ImagesReachNoFileOutsideTheAllowedFolders) {
               0);
     // Descriptors of another writer whose flat extent is the same file, by a relative and by an
     // absolute name.
-    const std::string head = "# Disk DescriptorFile\nversion=1\nCID=1234abcd\nparentCID=ffffffff\n"
-                             "createType=\"monolithicFlat\"\nRW 2048 FLAT ";
+    const std::string head =
+        "# Disk DescriptorFile\nversion=1\nCID=1234abcd\nparentCID=ffffffff\n"
+        "createType=\"monolithicFlat\"\nRW 2048 FLAT ";
     writeText("inner/relative.vmdk", head + "\"../outside.raw\" 0\n");
     writeText("inner/absolute.vmdk", head + "\"" + file("outside.raw") + "\" 0\n");
     const std::string refused = "Refused to reach a file outside the folders";
@@ -417,12 +418,12 @@ TEST_F(HarlImgTest, ImportsFilesOfOtherWritersPeer) {
     const std::string append = "write -P 0x5a " + std::to_string(13 * kGrain) + " 64k";
     harltest::runQemuOrThrow("qemu-io", {"-f", "raw", "-c", append, file("appended.raw")});
     // A copy would name the original in its embedded extent line: qemu-img makes each file.
-    for (const std::string name : {"streamOptimized", "monolithicFlat", "twoGbMaxExtentFlat",
-                                   "appended:streamOptimized"}) {
-        harltest::runQemuOrThrow(
-            "qemu-img", {"convert", "-f", "raw", "-O", "vmdk", "-o",
-                         "subformat=" + name.substr(name.find(':') + 1), file("image.raw"),
-                         file(name.substr(0, name.find(':')) + ".vmdk")});
+    for (const std::string name :
+         {"streamOptimized", "monolithicFlat", "twoGbMaxExtentFlat", "appended:streamOptimized"}) {
+        harltest::runQemuOrThrow("qemu-img",
+                                 {"convert", "-f", "raw", "-O", "vmdk", "-o",
+                                  "subformat=" + name.substr(name.find(':') + 1), file("image.raw"),
+                                  file(name.substr(0, name.find(':')) + ".vmdk")});
     }
     harltest::runQemuOrThrow("qemu-io", {"-f", "vmdk", "-c", append, file("appended.vmdk")});
     const kz::TBuffer<unsigned char> raw = harltest::readWholeFile(file("image.raw"));
@@ -444,6 +445,7 @@ TEST_F(HarlImgTest, ImportsFilesOfOtherWritersPeer) {
         {"twoGbMaxExtentFlat.vmdk", "image.raw", "twoGbMaxExtentFlat", "FLAT"},
         {"footer.vmdk", "image.raw", "streamOptimized", "SPARSE"},
     };
+
     kz::P<kz::IFileSystem> fs(new kz::CLocalFileSystem);
     for (const auto& c : cases) {
         const Json info = json({"info", "--output=json", file(c.name)});
@@ -496,22 +498,23 @@ TEST_F(HarlImgTest, DamagedStreamFilesEndInClearErrors) {
         std::string damage;
         std::function<void()> apply;
         std::string message;
+        // What info says: the error, or that it cannot account for the space.
+        std::string info;
     } cases[] = {
-        {"footer cut off",
-         [&] { std::filesystem::resize_file(file("disk.vmdk"), footer - 512); },
-         "ends before its end-of-stream marker"},
+        {"footer cut off", [&] { std::filesystem::resize_file(file("disk.vmdk"), footer - 512); },
+         "ends before its end-of-stream marker", "ends before its end-of-stream marker"},
         {"marker length beyond the file",
-         [&] {
-             poke("disk.vmdk", lastGrain + 8, le(static_cast<unsigned>(length - lastGrain)));
-         },
-         "grain runs past the end of the file"},
+         [&] { poke("disk.vmdk", lastGrain + 8, le(static_cast<unsigned>(length - lastGrain))); },
+         "grain runs past the end of the file",
+         "space: not known: VMDK grain runs past the end of the file"},
         {"directory outside the file",
          [&] { poke("disk.vmdk", footer + 56, le<unsigned long long>(length / 512 + 8)); },
-         "grain directory lies outside the file"},
+         "grain directory lies outside the file", "grain directory lies outside the file"},
         {"deflate data damaged",
          [&] { poke("disk.vmdk", firstGrain + 52, std::string(64, '\x5a')); },
-         "does not decompress"},
+         "does not decompress", "payload in file"},
     };
+
     for (const auto& c : cases) {
         std::filesystem::copy_file(file("pristine.vmdk"), file("disk.vmdk"),
                                    std::filesystem::copy_options::overwrite_existing);
@@ -521,6 +524,8 @@ TEST_F(HarlImgTest, DamagedStreamFilesEndInClearErrors) {
         EXPECT_EQ(convert.status, 1) << c.damage;
         EXPECT_NE(convert.output.find(c.message), std::string::npos) << convert.output;
         EXPECT_EQ(lines(convert), 1) << convert.output;
+        EXPECT_NE(tool({"info", file("disk.vmdk")}).output.find(c.info), std::string::npos)
+            << c.damage;
         const Json report = json({"check", "--output=json", file("disk.vmdk")}, 2);
         EXPECT_EQ(report["corruptions"], 1) << c.damage << ": " << report.dump();
     }

@@ -170,8 +170,8 @@ void CDiskChecker::readImportedGrains(const kz::CURI& extentURI, long long start
     std::vector<unsigned char> data(static_cast<size_t>(grainBytes));
     for (long long position = startBytes; position < endBytes;
          position = (position / grainBytes + 1) * grainBytes) {
-        const long long count = std::min((position / grainBytes + 1) * grainBytes, endBytes) -
-                                position;
+        const long long count =
+            std::min((position / grainBytes + 1) * grainBytes, endBytes) - position;
         try {
             disk->seek(position);
             if (!disk->isGrainWritten()) {

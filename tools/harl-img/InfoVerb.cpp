@@ -55,8 +55,8 @@ std::vector<CExtentRow> extentRowsOf(const CSourceImage& image) {
     std::vector<CExtentRow> rows;
     if (const auto* imported = dynamic_cast<const harl::CVMDKImportDisk*>(image.getDisk())) {
         for (const harl::CVMDKImportDisk::CExtentLine& line : imported->getExtentLines()) {
-            rows.push_back({line.filename.toUTF8(), line.type.toUTF8(), line.sizeSectors,
-                            line.uri});
+            rows.push_back(
+                {line.filename.toUTF8(), line.type.toUTF8(), line.sizeSectors, line.uri});
         }
         return rows;
     }
@@ -150,17 +150,17 @@ Json describeVMDK(kz::IFileSystem& fileSystem, const CSourceImage& image) {
     Json extents = describeExtents(fileSystem, image, actualSize);
     const kz::String encryption = descriptor->getKzEncryptionAlgorithm();
     Json info = {{"filename", image.getPath()},
-            {"format", "vmdk"},
-            {"virtual-size", disk.getSizeBytes()},
-            {"actual-size", actualSize},
-            {"create-type", descriptor->getCreateType().toUTF8()},
-            {"grain-size", disk.getGrainSizeBytes()},
-            {"compressed", disk.getCompressed()},
-            {"encrypted", !encryption.isEmpty()},
-            {"encryption", encryption.toUTF8()},
-            {"content-id", hex8(descriptor->getContentID())},
-            {"extents", extents},
-            {"parents", describeParents(fileSystem, image.getURI(), descriptor)}};
+                 {"format", "vmdk"},
+                 {"virtual-size", disk.getSizeBytes()},
+                 {"actual-size", actualSize},
+                 {"create-type", descriptor->getCreateType().toUTF8()},
+                 {"grain-size", disk.getGrainSizeBytes()},
+                 {"compressed", disk.getCompressed()},
+                 {"encrypted", !encryption.isEmpty()},
+                 {"encryption", encryption.toUTF8()},
+                 {"content-id", hex8(descriptor->getContentID())},
+                 {"extents", extents},
+                 {"parents", describeParents(fileSystem, image.getURI(), descriptor)}};
     info["space"] = describeSpace(disk, info);
     return info;
 }
