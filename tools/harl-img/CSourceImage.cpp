@@ -5,6 +5,7 @@
 #include "harl/format/CVMDKSparseExtentHeader.h"
 #include "harl/format/VMDKFileReference.h"
 #include "harl/format/VMDKFileStream.h"
+#include "harl/format/VMDKMarkers.h"
 #include "harl/format/VMDKStreamOptimized.h"
 #include "harl/foundation/kz/CDataInStream.h"
 #include "harl/foundation/kz/CError.h"
@@ -14,6 +15,7 @@
 
 #include "CommandLine.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace harlimg {
@@ -61,6 +63,25 @@ bool isOwnCompressedDisk(kz::IFileSystem* fileSystem, const kz::CURI& uri,
     }
 }
 
+// Where the extents start, in bytes, from 0 on.
+std::vector<long long> extentStartsOf(const harl::CVMDKDisk& disk) {
+    std::vector<long long> starts = {0};
+    if (const auto* imported = dynamic_cast<const harl::CVMDKImportDisk*>(&disk)) {
+        for (const harl::CVMDKImportDisk::CExtentLine& line : imported->getExtentLines()) {
+            starts.push_back(line.startSector * harl::kSectorSizeBytes);
+        }
+    } else {
+        kz::TArray<kz::P<harl::CVMDKExtentInfo>> lines;
+        disk.getDescriptor()->getExtentEntries(lines);
+        long long start = 0;
+        for (const kz::P<harl::CVMDKExtentInfo>& line : lines) {
+            starts.push_back(start);
+            start += line->getSizeSectors() * harl::kSectorSizeBytes;
+        }
+    }
+    return starts;
+}
+
 }  // namespace
 
 CSourceImage::CSourceImage(kz::IFileSystem* fileSystem, const std::string& path,
@@ -74,10 +95,21 @@ CSourceImage::CSourceImage(kz::IFileSystem* fileSystem, const std::string& path,
         password = passwordFor(fileSystem, uri, path, passwordFile);
         disk = openDisk(fileSystem, uri, password);
         stream = new harl::CVMDKDiskIOStream(disk.get());
+        extentStarts = extentStartsOf(*disk);
     } else {
         stream = fileSystem->open(uri, kRead, 0);
     }
     sizeBytes = stream->getLength();
+}
+
+long long CSourceImage::extentStartOf(long long position) const {
+    const auto next = std::upper_bound(extentStarts.begin(), extentStarts.end(), position);
+    return next == extentStarts.begin() ? 0 : *(next - 1);
+}
+
+long long CSourceImage::nextExtentStart(long long position) const {
+    const auto next = std::upper_bound(extentStarts.begin(), extentStarts.end(), position);
+    return next == extentStarts.end() ? sizeBytes : *next;
 }
 
 kz::P<harl::CVMDKDisk> CSourceImage::openDisk(kz::IFileSystem* fileSystem, const kz::CURI& uri,

@@ -8,6 +8,7 @@
 #include "harl/foundation/kz/String.h"
 
 #include <string>
+#include <vector>
 
 namespace harlimg {
 
@@ -55,6 +56,13 @@ public:
 
     long long getSizeBytes() const { return sizeBytes; }
 
+    // Where the extent that holds `position` starts, and the first byte above `position` at
+    // which another one starts (else the size). Another writer's extents need not start on
+    // grain boundaries: an extent counts its grains from its own start, and a grain of the disk
+    // that an extent start cuts is no grain of either extent. 0 and the size for a raw file.
+    long long extentStartOf(long long position) const;
+    long long nextExtentStart(long long position) const;
+
     const kz::CURI& getURI() const { return uri; }
 
     const std::string& getPath() const { return path; }
@@ -68,6 +76,8 @@ private:
     kz::P<harl::CVMDKDisk> disk;
     kz::P<kz::IIOStream> stream;
     long long sizeBytes = 0;
+    // Where the extents start, in bytes, ascending from 0.
+    std::vector<long long> extentStarts;
 };
 
 }  // namespace harlimg

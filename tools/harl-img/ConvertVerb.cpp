@@ -115,7 +115,10 @@ public:
             const long long position = nextGrain * grainBytes;
             job.grainIndex = nextGrain;
             job.sourceBytesDone = std::min(position + grainBytes, source.getSizeBytes());
-            if (askDisk) {
+            // The disk answers for a grain that is one of an extent's own; any other grain
+            // is read as bytes.
+            if (askDisk && source.extentStartOf(position) % grainBytes == 0 &&
+                source.nextExtentStart(position) >= job.sourceBytesDone) {
                 disk->seek(position);
                 if (!disk->isGrainWritten()) {
                     continue;

@@ -186,7 +186,8 @@ void printHuman(const Json& info) {
               << "content id: " << info["content-id"].get<std::string>() << "\n"
               << "extents:\n";
     for (const Json& extent : info["extents"]) {
-        std::cout << "    " << extent["filename"].get<std::string>() << ": "
+        const std::string name = extent["filename"];
+        std::cout << "    " << (name.empty() ? "(no file)" : name) << ": "
                   << extent["type"].get<std::string>() << ", " << extent["size-sectors"]
                   << " sectors";
         if (extent.contains("error")) {

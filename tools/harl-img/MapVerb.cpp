@@ -76,13 +76,17 @@ void append(std::vector<CRange>& ranges, const CRange& range) {
     }
 }
 
+// Asks grain by grain, each extent counting its grains from its own start.
 std::vector<CRange> mapDisk(CChain& chain, const CSourceImage& image) {
     std::vector<CRange> ranges;
     const long long grain = image.getDisk()->getGrainSizeBytes();
-    for (long long position = 0; position < image.getSizeBytes(); position += grain) {
+    for (long long position = 0; position < image.getSizeBytes();) {
+        const long long start = image.extentStartOf(position);
+        const long long end = std::min(start + ((position - start) / grain + 1) * grain,
+                                       image.nextExtentStart(position));
         const int depth = chain.depthOf(position);
-        append(ranges,
-               {position, std::min(grain, image.getSizeBytes() - position), depth, depth < 0});
+        append(ranges, {position, end - position, depth, depth < 0});
+        position = end;
     }
     return ranges;
 }
