@@ -168,10 +168,9 @@ void CDiskChecker::readImportedGrains(const kz::CURI& extentURI, long long start
                                       long long endBytes) {
     const long long grainBytes = disk->getGrainSizeBytes();
     std::vector<unsigned char> data(static_cast<size_t>(grainBytes));
-    for (long long position = startBytes; position < endBytes;
-         position = (position / grainBytes + 1) * grainBytes) {
-        const long long count =
-            std::min((position / grainBytes + 1) * grainBytes, endBytes) - position;
+    // An extent counts its grains from its own start, which need not be a grain of the disk.
+    for (long long position = startBytes; position < endBytes; position += grainBytes) {
+        const long long count = std::min(grainBytes, endBytes - position);
         try {
             disk->seek(position);
             if (!disk->isGrainWritten()) {
@@ -184,7 +183,8 @@ void CDiskChecker::readImportedGrains(const kz::CURI& extentURI, long long start
             throw;
         } catch (const kz::CError& e) {
             corrupt("grain", extentURI,
-                    "grain " + text(position / grainBytes) + " does not read: " + e.what());
+                    "the grain at byte " + text(position - startBytes) +
+                        " of the extent does not read: " + e.what());
         }
     }
 }

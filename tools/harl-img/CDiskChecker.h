@@ -94,7 +94,7 @@ private:
     void checkDescriptor();
     void openDisk();
     void checkImportedDisk();
-    // Reads every grain that the extent stores, from `startBytes` to `endBytes` of the disk.
+    // Reads every grain that the extent from `startBytes` to `endBytes` of the disk stores.
     void readImportedGrains(const kz::CURI& extentURI, long long startBytes, long long endBytes);
     void checkExtent(CExtent& extent);
     void openExtent(CExtent& extent);
