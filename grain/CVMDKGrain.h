@@ -87,6 +87,11 @@ public:
     void open(long long extentGrainIndex, long long diskGrainIndex, long long posSectors,
               long long slotSizeSectors);
 
+    // The same for a grain that the file records as written with zeros and stores nowhere: it
+    // reads as zeros whatever the provider holds, counts as written here, and a store gives
+    // it a new slot.
+    void openZeroed(long long extentGrainIndex, long long diskGrainIndex);
+
     // Stores the grain if it is dirty, then forgets it. A failed store throws and leaves the
     // grain open and dirty.
     void close();
@@ -148,7 +153,7 @@ public:
     bool isGrainWritten();
 
     // For the open grain: it has data here or in memory, whatever the provider holds.
-    bool isGrainWrittenAndIndependentOfParent() const { return dirty || posSectors != 0; }
+    bool isGrainWrittenAndIndependentOfParent() const { return dirty || posSectors != 0 || zeroed; }
 
     // Replaces the provider; null removes it. Buffers stay.
     void setFallbackDataProvider(IVMDKDataProvider* provider);
@@ -192,6 +197,9 @@ private:
     long long slotSizeSectors = -1;
     long long extentGrainIndex = -1;
     long long diskGrainIndex = -1;
+    // The open grain is stored nowhere (posSectors 0) and reads as zeros, not from the
+    // provider, until a store gives it a slot.
+    bool zeroed = false;
     long long grainSizeSectors;
     long long grainSizeBytes;
     bool compressed;

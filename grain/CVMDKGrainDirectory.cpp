@@ -5,6 +5,7 @@
 #include "harl/foundation/kz/CIOError.h"
 #include "harl/foundation/kz/CInvalidArgError.h"
 #include "harl/foundation/kz/Log.h"
+#include "harl/grain/CVMDKGrainSlotGuard.h"
 #include "harl/grain/CVMDKGrainTable.h"
 #include "harl/grain/CVMDKGrainTableCache.h"
 #include "harl/grain/VMDKEntryArrays.h"
@@ -19,6 +20,7 @@ namespace {
 
 constexpr long long kDirectoryEntrySizeBytes = 4;
 constexpr long long kGrainTableEntrySizeBytes = 4;
+constexpr long long kSlotSizeEntrySizeBytes = 2;
 
 // Whole sectors that `count` directory or table entries of `entrySizeBytes` take.
 long long sectorsForEntries(long long count, long long entrySizeBytes) {
@@ -192,6 +194,9 @@ kz::P<CVMDKGrainTable> CVMDKGrainDirectory::readTableBatch(long long tableIndex)
             }
             continue;
         }
+        if (slotGuard) {
+            table->refuseBadEntries(*slotGuard);
+        }
         // May evict other tables, which then write themselves; the limit runs between tables.
         grainTableCache->setCachedTable(this, index, table.get());
         if (index == tableIndex) {
@@ -217,6 +222,35 @@ void CVMDKGrainDirectory::setGrainInfo(long long grainIndex, long long posSector
                                        long long slotSizeSectors) {
     getGrainTable(grainIndex / grainsPerTable)
         ->setGrainInfo(grainIndex % grainsPerTable, posSectors, slotSizeSectors);
+    if (slotGuard) {
+        slotGuard->noteSlot(posSectors, slotSizeSectors);
+    }
+}
+
+void CVMDKGrainDirectory::checkSlots(
+    const std::vector<std::pair<long long, long long>>& fileMetadata, long long dataEndBytes,
+    long long zeroedGrainEntry) {
+    slotGuard = kz::makeP<CVMDKGrainSlotGuard>(grainSizeSectors, compressed, zeroedGrainEntry,
+                                               dataEndBytes);
+    for (const auto& [start, end] : fileMetadata) {
+        slotGuard->addMetadata(start, end - start);
+    }
+    // With markers, each directory and table has one in the sector in front of it.
+    const long long marker = compressed ? 1 : 0;
+    const long long directoryLength = sectorsForEntries(grainTableCount, kDirectoryEntrySizeBytes);
+    slotGuard->addMetadata(posSectors - marker, directoryLength + marker);
+    if (redundantPosSectors > 0) {
+        slotGuard->addMetadata(redundantPosSectors - marker, directoryLength + marker);
+    }
+    const long long tableLength = sectorsForEntries(grainsPerTable, kGrainTableEntrySizeBytes);
+    slotGuard->addTables(directory, marker, tableLength);
+    slotGuard->addTables(redundantDirectory, marker, tableLength);
+    if (slotDirectoryPosSectors > 0) {
+        // The slot directory and its tables always stand behind markers.
+        slotGuard->addMetadata(slotDirectoryPosSectors - 1, directoryLength + 1);
+        slotGuard->addTables(slotDirectory, 1,
+                             sectorsForEntries(grainsPerTable, kSlotSizeEntrySizeBytes));
+    }
 }
 
 void CVMDKGrainDirectory::flushChangesToStream() {

@@ -5,8 +5,12 @@
 #include "harl/foundation/kz/P.h"
 #include "harl/foundation/kz/TBuffer.h"
 
+#include <utility>
+#include <vector>
+
 namespace harl {
 
+class CVMDKGrainSlotGuard;
 class CVMDKGrainTable;
 class CVMDKGrainTableCache;
 
@@ -49,7 +53,9 @@ class CVMDKGrainTableCache;
 // Counts and positions come from a header that another writer may have made: the geometry is
 // checked before it divides anything, and a directory that cannot fit between its position and
 // the end of the file fails before its buffer is sized. A directory entry is read as it stands;
-// one that points past the end fails when that table is read, with the stream's own error.
+// one that points past the end fails when that table is read, with the stream's own error. The
+// entries of a table are checked as it is read once the owner has said where the rest of the
+// file's metadata and the end of its data lie (checkSlots).
 //
 // Every operation that touches the file seeks first; the stream's position is shared with the
 // tables, the allocator and the grain of the extent. Not thread-safe.
@@ -99,6 +105,15 @@ public:
     // Flushes the cached tables of this directory, in ascending table index.
     void flushChangesToStream();
 
+    // From now on each table read from the file is checked before it is used: an entry whose
+    // slot reaches into metadata (this directory's own structures, the tables and
+    // `fileMetadata`, ranges of [start, end) sectors), past `dataEndBytes`, or into another
+    // slot of its table is refused with kz::CIOError code 5 (CVMDKGrainSlotGuard). New slots
+    // recorded through setGrainInfo move the end of the data. `zeroedGrainEntry` is the entry
+    // that marks a zeroed grain, 0 for none. Call it before the first look-up.
+    void checkSlots(const std::vector<std::pair<long long, long long>>& fileMetadata,
+                    long long dataEndBytes, long long zeroedGrainEntry);
+
     // True when the file has a slot directory of the right length.
     bool getHaveSlotSizeInfo() const { return slotDirectory.getUsed() > 0; }
 
@@ -139,6 +154,8 @@ private:
     kz::TBuffer<unsigned int> redundantDirectory;
     kz::TBuffer<unsigned int> slotDirectory;
     long long capacitySectors;
+    // Null until checkSlots.
+    kz::P<CVMDKGrainSlotGuard> slotGuard;
 };
 
 }  // namespace harl

@@ -9,8 +9,11 @@ extern char** environ;
 
 namespace harltest {
 
-int runQemuImg(const std::vector<std::string>& arguments, std::string* output) {
-    std::vector<std::string> words{"qemu-img"};
+namespace {
+
+int runProgram(const std::string& program, const std::vector<std::string>& arguments,
+               std::string* output) {
+    std::vector<std::string> words{program};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
     for (std::string& word : words) {
@@ -29,7 +32,8 @@ int runQemuImg(const std::vector<std::string>& arguments, std::string* output) {
     posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], STDERR_FILENO);
     posix_spawn_file_actions_addclose(&actions, pipeEnds[1]);
     pid_t pid = 0;
-    const int spawned = posix_spawnp(&pid, "qemu-img", &actions, nullptr, argv.data(), environ);
+    const int spawned =
+        posix_spawnp(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(pipeEnds[1]);
 
@@ -49,6 +53,16 @@ int runQemuImg(const std::vector<std::string>& arguments, std::string* output) {
     int status = 0;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+}
+
+}  // namespace
+
+int runQemuImg(const std::vector<std::string>& arguments, std::string* output) {
+    return runProgram("qemu-img", arguments, output);
+}
+
+int runQemuIo(const std::vector<std::string>& arguments, std::string* output) {
+    return runProgram("qemu-io", arguments, output);
 }
 
 bool isQemuImgAvailable() {

@@ -17,6 +17,9 @@ bool isQemuImgAvailable();
 // output and error go to `output` when given.
 int runQemuImg(const std::vector<std::string>& arguments, std::string* output = nullptr);
 
+// The same for qemu-io, of the same package, which changes images in place ("-c 'write -z ...'").
+int runQemuIo(const std::vector<std::string>& arguments, std::string* output = nullptr);
+
 // Creates an image of `sizeBytes` with "create -f vmdk -o subformat=<subformat>". Throws
 // std::runtime_error, with qemu-img's output, when it fails.
 void createQemuVMDK(const std::string& path, const std::string& subformat, long long sizeBytes);
