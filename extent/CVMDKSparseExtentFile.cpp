@@ -403,22 +403,22 @@ void CVMDKSparseExtentFile::flushChanges() {
         return;
     }
     // Grain data reaches the file, durably, before the tables that point at it.
-    flushGrainData();
-    flushTables();
+    writeGrainData();
+    stream->flush();
+    writeTables();
+    stream->flush();
     changedSinceFlush = false;
 }
 
-void CVMDKSparseExtentFile::flushGrainData() {
+void CVMDKSparseExtentFile::writeGrainData() {
     if (grain->isOpen()) {
         grain->flushChangesToStream();
     }
     grainAllocator->flushChangesToStream();
-    stream->flush();
 }
 
-void CVMDKSparseExtentFile::flushTables() {
+void CVMDKSparseExtentFile::writeTables() {
     grainDirectory->flushChangesToStream();
-    stream->flush();
 }
 
 void CVMDKSparseExtentFile::close() {

@@ -103,10 +103,10 @@ protected:
     long long beginIOOp(long long maxBytes);
     void onAboutToChange();
     void verifyHaveWriteAccess();
-    // The two halves of a flush, in the order flushChanges() calls them: the open grain and the
-    // trail, then a stream flush; the tables, then a stream flush.
-    void flushGrainData();
-    void flushTables();
+    // What a flush writes, in its order, each followed by a flush of the stream: the open grain
+    // and the trail, then the tables.
+    void writeGrainData();
+    void writeTables();
 
 private:
     void checkNotClosed() const;

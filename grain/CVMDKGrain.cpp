@@ -110,9 +110,9 @@ void CVMDKGrain::open(long long extentGrainIndex, long long diskGrainIndex, long
         posSectors = 0;
         slotSizeSectors = 0;
     } else if (compressed && slotSizeSectors <= 0) {
-        throw kz::CInvalidArgError("CVMDKGrain::open",
-                                   "Invalid slot size for allocated compressed grain: " +
-                                       kz::String::number(slotSizeSectors) + " sectors");
+        // The slot size did not reach the file with the position (a power cut between the
+        // two); the grain says how long it is, and a rewrite takes a new slot.
+        slotSizeSectors = 0;
     } else if (!compressed && slotSizeSectors < grainSizeSectors) {
         throw kz::CInvalidArgError(
             "CVMDKGrain::open",

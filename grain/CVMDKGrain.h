@@ -82,8 +82,10 @@ public:
 
     // Closes what is open (which stores it, and throws if that fails, leaving the old grain
     // open) and stands at the start of the given grain. A `posSectors` of 0 or below means
-    // that the extent does not store the grain; its slot length is then taken as 0. Nothing is
-    // read. A bad slot length throws a CInvalidArgError and leaves the object closed.
+    // that the extent does not store the grain; its slot length is then taken as 0. A stored
+    // compressed grain with a slot length of 0 or below has a slot of unknown length: it reads
+    // as its data says and moves when rewritten. Nothing is read. An uncompressed slot shorter
+    // than a grain throws a CInvalidArgError and leaves the object closed.
     void open(long long extentGrainIndex, long long diskGrainIndex, long long posSectors,
               long long slotSizeSectors);
 

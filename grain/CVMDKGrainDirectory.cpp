@@ -63,7 +63,7 @@ CVMDKGrainDirectory::CVMDKGrainDirectory(kz::IIOStream* stream, kz::IIOStream::A
 
 CVMDKGrainDirectory::~CVMDKGrainDirectory() {
     try {
-        grainTableCache->flushCachedTablesFromDirectoryToStream(this);
+        flushChangesToStream();
     } catch (const std::exception& error) {
         kz::onExceptionInDestructorIgnored("harl::CVMDKGrainDirectory", error, true);
     }
@@ -168,47 +168,44 @@ kz::P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(long long tableIndex) 
     return readTableBatch(tableIndex);
 }
 
+kz::P<CVMDKGrainTable> CVMDKGrainDirectory::readTable(long long tableIndex) {
+    const size_t at = static_cast<size_t>(tableIndex);
+    kz::P<CVMDKGrainTable> table(
+        new CVMDKGrainTable(stream.get(), access, grainSizeSectors, directory[at],
+                            redundantDirectory.getUsed() > 0 ? redundantDirectory[at] : 0,
+                            slotDirectory.getUsed() > 0 ? slotDirectory[at] : 0, grainsPerTable));
+    if (slotGuard) {
+        table->refuseBadEntries(*slotGuard);
+    }
+    return table;
+}
+
 kz::P<CVMDKGrainTable> CVMDKGrainDirectory::readTableBatch(long long tableIndex) {
     // Batches are aligned, so that neighbouring misses share one; a sequential walk thus finds
     // 31 of each 32 tables cached.
     const long long start = tableIndex - tableIndex % kTableBatchSize;
     const long long end = std::min(start + kTableBatchSize, grainTableCount);
-    kz::P<CVMDKGrainTable> result;
+    const kz::P<CVMDKGrainTable> result = readTable(tableIndex);
     for (long long index = start; index < end; ++index) {
         // A cached table may hold changes that are not on file yet: never replace it.
-        if (grainTableCache->hasCachedTable(this, index)) {
+        if (index == tableIndex || grainTableCache->hasCachedTable(this, index)) {
             continue;
         }
-        const size_t at = static_cast<size_t>(index);
         kz::P<CVMDKGrainTable> table;
         try {
-            table = new CVMDKGrainTable(
-                stream.get(), access, grainSizeSectors, directory[at],
-                redundantDirectory.getUsed() > 0 ? redundantDirectory[at] : 0,
-                slotDirectory.getUsed() > 0 ? slotDirectory[at] : 0, grainsPerTable);
+            table = readTable(index);
         } catch (const kz::CError&) {
             // A neighbour that cannot be read stays out of the cache; its error comes when it
             // is asked for itself, and does not keep the tables around it from being read.
-            if (index == tableIndex) {
-                throw;
-            }
             continue;
         }
-        if (slotGuard) {
-            table->refuseBadEntries(*slotGuard);
-        }
-        // May evict other tables, which then write themselves; the limit runs between tables.
+        // May evict other tables, which are written first; the limit runs between tables.
         grainTableCache->setCachedTable(this, index, table.get());
-        if (index == tableIndex) {
-            result = table;
-        }
     }
-    if (!result) {
-        throw kz::CError(
-            "Internal error: CVMDKGrainDirectory::getGrainTable updated the cache, but did not "
-            "encounter the requested table (requested index: " +
-            kz::String::number(tableIndex) + ")");
-    }
+    // The requested table goes in last, as the most recently used, so that its neighbours do
+    // not evict it before the caller has used it: a change to a table outside the cache would
+    // reach the file only through its destructor, where a failure cannot be reported.
+    grainTableCache->setCachedTable(this, tableIndex, result.get());
     return result;
 }
 
@@ -220,8 +217,14 @@ void CVMDKGrainDirectory::getGrainInfo(long long grainIndex, long long& posSecto
 
 void CVMDKGrainDirectory::setGrainInfo(long long grainIndex, long long posSectors,
                                        long long slotSizeSectors) {
-    getGrainTable(grainIndex / grainsPerTable)
-        ->setGrainInfo(grainIndex % grainsPerTable, posSectors, slotSizeSectors);
+    const long long tableIndex = grainIndex / grainsPerTable;
+    const kz::P<CVMDKGrainTable> table = getGrainTable(tableIndex);
+    table->setGrainInfo(grainIndex % grainsPerTable, posSectors, slotSizeSectors);
+    // Only a cache of limit 0 holds no table; the change is then written at once, where a
+    // failure reaches the caller.
+    if (!grainTableCache->hasCachedTable(this, tableIndex)) {
+        table->flushDurablyToStream();
+    }
     if (slotGuard) {
         slotGuard->noteSlot(posSectors, slotSizeSectors);
     }
@@ -254,7 +257,19 @@ void CVMDKGrainDirectory::checkSlots(
 }
 
 void CVMDKGrainDirectory::flushChangesToStream() {
-    grainTableCache->flushCachedTablesFromDirectoryToStream(this);
+    // Positions first and durable, slot sizes after them: a slot size that reached the file
+    // without its position would make the old slot look larger than it is.
+    bool slotSizesDirty = false;
+    grainTableCache->visitCachedTablesFromDirectory(this, [&](CVMDKGrainTable& table) {
+        slotSizesDirty = slotSizesDirty || table.hasUnflushedSlotSizes();
+        table.flushEntriesToStream();
+    });
+    if (!slotSizesDirty) {
+        return;
+    }
+    stream->flush();
+    grainTableCache->visitCachedTablesFromDirectory(
+        this, [](CVMDKGrainTable& table) { table.flushSlotSizesToStream(); });
 }
 
 }  // namespace harl

@@ -102,7 +102,9 @@ public:
     // The change stays in the cached table until it is flushed or evicted.
     void setGrainInfo(long long grainIndex, long long posSectors, long long slotSizeSectors);
 
-    // Flushes the cached tables of this directory, in ascending table index.
+    // Flushes the cached tables of this directory, in ascending table index: the grain tables,
+    // then, if slot sizes changed, a flush of the stream and the slot-size tables, so that a
+    // slot size never reaches the file before its position.
     void flushChangesToStream();
 
     // From now on each table read from the file is checked before it is used: an entry whose
@@ -136,6 +138,8 @@ private:
     void readDirectories();
     long long findSlotDirectoryMarkerSector() const;
     void findSlotDirectory();
+    // Reads one table and checks its entries; throws what the table and the stream throw.
+    kz::P<CVMDKGrainTable> readTable(long long tableIndex);
     kz::P<CVMDKGrainTable> readTableBatch(long long tableIndex);
     kz::String getURIText();
 

@@ -78,9 +78,11 @@ bool CVMDKGrainSlotGuard::overlapsMetadata(long long startSectors, long long end
 
 CVMDKGrainSlotGuard::Problem CVMDKGrainSlotGuard::checkSlot(long long posSectors,
                                                             long long slotSectors) const {
-    if (slotSectors <= 0 || (!compressed && slotSectors < grainSizeSectors)) {
+    if (!compressed && slotSectors < grainSizeSectors) {
         return BadSlotSize;
     }
+    // A compressed slot whose size did not reach the file is checked as its first sector.
+    slotSectors = std::max(slotSectors, 1LL);
     const long long endSectors = posSectors + slotSectors;
     if (endSectors * kSectorSizeBytes > dataEndBytes) {
         return PastDataEnd;

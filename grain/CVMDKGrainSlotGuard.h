@@ -16,9 +16,10 @@ namespace harl {
 //
 // An entry passes when its slot (its position and its slot length: the slot-size entry with
 // slot-size tracking, else the grain size) lies wholly in front of the end of the data, touches
-// no metadata range and no slot of another entry of the same table. A slot-size entry of 0, or
-// one shorter than a grain in an uncompressed extent, fails too. Entries of 0 (unallocated) and,
-// in a file that uses them, the mark of a zeroed grain are no slots and pass.
+// no metadata range and no slot of another entry of the same table. A slot shorter than a grain
+// in an uncompressed extent fails too; a compressed slot-size entry of 0, which a power cut
+// between a table and its slot-size table leaves, counts as one sector. Entries of 0
+// (unallocated) and, in a file that uses them, the mark of a zeroed grain are no slots and pass.
 //
 // The cost stays away from the grain path: the metadata is kept as a few fixed ranges and, for
 // the tables, sorted copies of the directories (as large as the directories themselves); an

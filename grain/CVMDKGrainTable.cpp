@@ -39,7 +39,7 @@ CVMDKGrainTable::CVMDKGrainTable(kz::IIOStream* stream, kz::IIOStream::Access ac
 
 CVMDKGrainTable::~CVMDKGrainTable() {
     try {
-        flushChangesToStream();
+        flushDurablyToStream();
     } catch (const std::exception& error) {
         kz::onExceptionInDestructorIgnored("harl::CVMDKGrainTable", error, true);
     }
@@ -168,6 +168,22 @@ void CVMDKGrainTable::throwRefused(long long grainIndex) {
 }
 
 void CVMDKGrainTable::flushChangesToStream() {
+    flushEntriesToStream();
+    flushSlotSizesToStream();
+}
+
+void CVMDKGrainTable::flushDurablyToStream() {
+    if (entriesDirty) {
+        stream->flush();
+        flushEntriesToStream();
+    }
+    if (slotSizesDirty) {
+        stream->flush();
+        flushSlotSizesToStream();
+    }
+}
+
+void CVMDKGrainTable::flushEntriesToStream() {
     if (entriesDirty) {
         writeVMDKEntries(*stream, posSectors, entries);
         if (redundantPosSectors > 0) {
@@ -175,6 +191,9 @@ void CVMDKGrainTable::flushChangesToStream() {
         }
         entriesDirty = false;
     }
+}
+
+void CVMDKGrainTable::flushSlotSizesToStream() {
     if (slotSizesDirty) {
         writeVMDKEntries(*stream, slotSizeTablePosSectors, slotSizes);
         slotSizesDirty = false;

@@ -65,8 +65,8 @@ public:
                     long long posSectors, long long redundantPosSectors,
                     long long slotSizeTablePosSectors, int grainCount);
 
-    // Writes what is dirty; a failure goes to kz::onExceptionInDestructorIgnored and the
-    // changes that could not be written are lost.
+    // Writes what is dirty (flushDurablyToStream). A failure goes to
+    // kz::onExceptionInDestructorIgnored and the changes that could not be written are lost.
     ~CVMDKGrainTable() override;
 
     // The grain's position (0: unallocated) and slot length: 0 for an unallocated grain, the
@@ -87,6 +87,21 @@ public:
     // have returned, so after a failure the next flush writes them again. A clean table touches
     // neither the file nor the stream's position.
     void flushChangesToStream();
+
+    // The two halves of flushChangesToStream: the grain table with its redundant copy, and the
+    // slot-size table. A slot-size entry must not become durable before the position it goes
+    // with, or a rewrite in place could take the old slot for a larger one; so a flush of
+    // many tables writes the first halves, flushes the stream, then writes the second halves.
+    void flushEntriesToStream();
+    void flushSlotSizesToStream();
+
+    bool hasUnflushedSlotSizes() const { return slotSizesDirty; }
+
+    // Writes what is dirty outside a flush of the extent, as when the cache evicts the table:
+    // first a flush of the stream, so that the grains that new entries point at are durable
+    // before them, then the grain table, and with dirty slot sizes another flush and the
+    // slot-size table. Throws what the stream throws; what was not written stays dirty.
+    void flushDurablyToStream();
 
     // Checks every entry with `guard`; an entry that fails is refused from now on, until
     // setGrainInfo gives the grain a new place. The entries themselves stay as they are.

@@ -181,7 +181,7 @@ TEST_F(ExtentSafetyTest, ChecksCompressedSlotsAgainstTheirSizesAndTheTrail) {
     const struct {
         unsigned short slotSectors;
         const char* message;
-    } cases[] = {{0, "has an invalid slot size."},
+    } cases[] = {{0, "points past the end of the file's grain data."},
                  {1, "points past the end of the file's grain data."}};
 
     for (const auto& c : cases) {

@@ -1,0 +1,488 @@
+// Fault sweeps over the life of an extent, in the manner of SQLite's I/O error tests: each run
+// lets the Nth file system operation of a sequence fail, for every N that the sequence makes,
+// then reopens the file and checks what survived. The sequences create an extent, write it
+// (new grains, rewrites that move compressed grains, prepared grains, grains in three tables
+// with a cache of one table, so that tables are evicted and written in between), flush and
+// close it, in the four grain forms, and let an on-demand extent create its file.
+//
+// Faults: an operation fails and the process goes on; a write stores half its bytes and fails;
+// the process dies (nothing after the fault reaches the file); the process dies and the power
+// goes, so that only flushed writes remain. After each: the fault reaches the caller as the
+// file system's error, and on reopening the file opens, every grain that no write touched
+// since the last completed flush reads as it was then, a grain that got its first slot since
+// reads as zeros or as written, and no grain reads as another grain's data.
+//
+// A negative control flushes the tables before the grains and must be caught.
+#include "harl/descriptor/CVMDKDescriptor.h"
+#include "harl/descriptor/CVMDKDescriptorAccessor.h"
+#include "harl/extent/CVMDKContentIDUpdater.h"
+#include "harl/extent/CVMDKOnDemandExtentFile.h"
+#include "harl/extent/CVMDKSparseExtentFile.h"
+#include "harl/format/VMDKFileStream.h"
+#include "harl/foundation/kz/CFaultInjectingFileSystem.h"
+#include "harl/foundation/kz/CFileSystemError.h"
+#include "harl/foundation/kz/CMemoryFileSystem.h"
+#include "harl/foundation/vesk/CCipher_AES256CBC.h"
+#include "harl/foundation/vesk/CDigestType_SHA256.h"
+#include "harl/foundation/vesk/IDigest.h"
+#include "harl/grain/CVMDKGrainTableCache.h"
+#include "harl/grain/VMDKEmptyExtent.h"
+
+#include "tests/support/CLogCapture.h"
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace harl;
+using Bytes = std::vector<unsigned char>;
+using Fault = kz::CFaultInjectingFileSystem::Fault;
+
+constexpr long long kGrainSectors = 8;
+constexpr int kGrainBytes = 4096;
+constexpr int kSectorBytes = 512;
+// Three grain tables of 512 entries.
+constexpr long long kGrainCount = 1100;
+constexpr unsigned kTagMagic = 0x50455753;  // "SWEP"
+
+enum class Mode { Fail, TornWrite, Die, PowerCut };
+
+const char* modeName(Mode mode) {
+    const char* names[] = {"fail", "torn write", "die", "power cut"};
+    return names[static_cast<int>(mode)];
+}
+
+Fault faultOf(Mode mode) {
+    return mode == Mode::Fail        ? Fault::Fail
+           : mode == Mode::TornWrite ? Fault::TornWrite
+                                     : Fault::Die;
+}
+
+struct CForm {
+    bool compressed;
+    bool encrypted;
+};
+
+// Version `version` (from 1) of grain `grain`: every sector starts with a tag that names the
+// grain, the version and the sector; odd versions compress well, even ones not at all, so
+// that a compressed grain rewritten with an even version outgrows its slot and moves.
+Bytes grainVersion(int grain, int version) {
+    Bytes data(kGrainBytes);
+    std::mt19937 random(static_cast<unsigned>(grain * 1000 + version));
+    for (int sector = 0; sector < kGrainBytes / kSectorBytes; ++sector) {
+        unsigned char* bytes = data.data() + sector * kSectorBytes;
+        const unsigned tag[4] = {kTagMagic, static_cast<unsigned>(grain),
+                                 static_cast<unsigned>(version), static_cast<unsigned>(sector)};
+        std::memcpy(bytes, tag, sizeof(tag));
+        for (int i = sizeof(tag); i < kSectorBytes; ++i) {
+            bytes[i] = version % 2 == 1 ? static_cast<unsigned char>(grain + i / 64)
+                                        : static_cast<unsigned char>(random());
+        }
+    }
+    return data;
+}
+
+// The grain a sector's tag names, or -1 for a sector without a tag.
+int taggedGrain(const unsigned char* sector) {
+    unsigned tag[2];
+    std::memcpy(tag, sector, sizeof(tag));
+    return tag[0] == kTagMagic ? static_cast<int>(tag[1]) : -1;
+}
+
+// What each grain may read as: its content at the last completed flush and what was written
+// to it since.
+class CModel {
+public:
+    void write(int grain, const Bytes& data) { grains[grain].since.push_back(data); }
+
+    // A flush or close returned: everything written is in the file.
+    void commit() {
+        committedOnce = committedOnce || !grains.empty();
+        for (auto& [index, grain] : grains) {
+            if (!grain.since.empty()) {
+                grain.committed = grain.since.back();
+                grain.since.clear();
+            }
+        }
+    }
+
+    // Checks one grain as read back (`error` empty) or the error its read met. `lenient`
+    // allows sectors of no version where a torn write or a cipher may leave them.
+    std::string check(int grain, const Bytes& data, const std::string& error, bool lenient) const {
+        const auto found = grains.find(grain);
+        const Bytes zero(kGrainBytes, 0);
+        const Bytes& committed = found == grains.end() ? zero : found->second.committed;
+        const std::vector<Bytes> none;
+        const std::vector<Bytes>& since = found == grains.end() ? none : found->second.since;
+        // A grain that got its first slot since the last flush, once, reads as before or as
+        // written: its table entry reaches the file only after its data.
+        const bool strict = since.empty() || (since.size() == 1 && committed == zero);
+        if (!error.empty()) {
+            return strict ? "read failed: " + error : "";
+        }
+        if (data == committed || (strict && !since.empty() && data == since[0])) {
+            return "";
+        }
+        if (strict) {
+            return "reads as neither its flushed nor its written content (its first sector is " +
+                   std::to_string(taggedGrain(data.data())) + ")";
+        }
+        // Rewritten in place since the last flush: each sector is one of a version's, or, where
+        // a write tore, of none, but never another grain's.
+        for (int sector = 0; sector < kGrainBytes / kSectorBytes; ++sector) {
+            const size_t at = static_cast<size_t>(sector * kSectorBytes);
+            bool known = std::memcmp(data.data() + at, committed.data() + at, kSectorBytes) == 0;
+            for (const Bytes& version : since) {
+                known =
+                    known || std::memcmp(data.data() + at, version.data() + at, kSectorBytes) == 0;
+            }
+            const int tagged = taggedGrain(data.data() + at);
+            if (!known && (!lenient || (tagged >= 0 && tagged != grain))) {
+                return "sector " + std::to_string(sector) + " holds data of grain " +
+                       std::to_string(tagged);
+            }
+        }
+        return "";
+    }
+
+    bool anythingCommitted() const { return committedOnce; }
+
+    std::vector<int> touchedGrains() const {
+        std::vector<int> result;
+        for (const auto& [index, grain] : grains) {
+            result.push_back(index);
+        }
+        return result;
+    }
+
+private:
+    struct CGrain {
+        Bytes committed = Bytes(kGrainBytes, 0);
+        std::vector<Bytes> since;
+    };
+
+    std::map<int, CGrain> grains;
+    bool committedOnce = false;
+};
+
+// A sparse extent whose flush writes the tables behind the grains without a flush of the
+// stream between them, so that the tables may reach the medium first: the negative control.
+class CMisorderedFlushExtent : public CVMDKSparseExtentFile {
+public:
+    using CVMDKSparseExtentFile::CVMDKSparseExtentFile;
+
+    void flushChanges() override {
+        writeGrainData();
+        writeTables();
+        getStream()->flush();
+    }
+};
+
+// One form of extent on one file system, with the key and the objects an extent needs.
+class CExtentWorld {
+public:
+    CExtentWorld(const CForm& form, kz::IFileSystem* fs) : form(form), fs(fs) {
+        key.setUsed(32);
+        key.fill(0x5c);
+        iv.setUsed(16);
+        iv.fill(0x3a);
+    }
+
+    kz::TBuffer<unsigned char> keyHash() const {
+        if (!form.encrypted) {
+            return kz::TBuffer<unsigned char>();
+        }
+        kz::P<vesk::IDigest> digest;
+        vesk::CDigestType_SHA256().createDigest(digest);
+        digest->update(key.getData(), static_cast<int>(key.getUsed()));
+        digest->finish();
+        kz::TBuffer<unsigned char> hash;
+        hash.assign(digest->getData(), static_cast<size_t>(digest->getSize()));
+        return hash;
+    }
+
+    void create() {
+        const std::string text =
+            "# Disk DescriptorFile\nversion=1\nCID=abcdef01\nparentCID=ffffffff\n"
+            "createType=\"monolithicSparse\"\nRW 8800 SPARSE \"e.vmdk\"\n";
+        kz::TBuffer<unsigned char> textBuffer;
+        textBuffer.assign(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+        kz::P<CVMDKDescriptor> descriptor(new CVMDKDescriptor(textBuffer));
+        kz::TBuffer<unsigned char> zeros(kGrainBytes);
+        zeros.fill(0);
+        createEmptyVMDKSparseExtentFile(fs.get(), uri, form.compressed, kGrainCount, kGrainSectors,
+                                        zeros, descriptor.get(), 4, keyHash());
+    }
+
+    kz::P<CVMDKSparseExtentFile> open(kz::IIOStream::Access access, bool misordered = false) {
+        kz::P<kz::IIOStream> stream = openVMDKFileStream(fs.get(), uri, access);
+        kz::P<CVMDKContentIDUpdater> updater;
+        if (access == kz::IIOStream::AccessReadWrite) {
+            kz::P<CVMDKDescriptorAccessor> accessor(
+                new CVMDKDescriptorAccessor(stream.get(), kz::IIOStream::AccessRead));
+            updater = new CVMDKContentIDUpdater(fs.get(), uri, accessor->getDescriptor().get());
+        }
+        // One table at a time, so that moving between tables evicts and writes them.
+        kz::P<CVMDKGrainTableCache> cache(new CVMDKGrainTableCache(1));
+        vesk::ICipher* usedCipher = form.encrypted ? cipher.get() : nullptr;
+        const kz::TCryptBuffer<unsigned char> usedKey =
+            form.encrypted ? key : kz::TCryptBuffer<unsigned char>();
+        if (misordered) {
+            return new CMisorderedFlushExtent(stream.get(), access, 0, 1, cache.get(), nullptr,
+                                              updater.get(), usedCipher, usedKey, iv);
+        }
+        return new CVMDKSparseExtentFile(stream.get(), access, 0, 1, cache.get(), nullptr,
+                                         updater.get(), usedCipher, usedKey, iv);
+    }
+
+    // The descriptor of an on-demand extent lives in a main file of its own.
+    void writeMainFile() {
+        const std::string text = "version=1\nCID=1\nparentCID=ffffffff\n" + std::string(400, '\0');
+        kz::P<kz::IIOStream> main = fs->open(mainUri, kz::IIOStream::AccessReadWrite, 0);
+        main->write(text.data(), static_cast<int>(text.size()), nullptr);
+        main->close();
+    }
+
+    kz::P<CVMDKOnDemandExtentFile> openOnDemand(kz::IIOStream::Access access) {
+        kz::P<kz::IIOStream> main = fs->open(mainUri, kz::IIOStream::AccessRead, 0);
+        kz::P<CVMDKDescriptorAccessor> accessor(
+            new CVMDKDescriptorAccessor(main.get(), kz::IIOStream::AccessRead));
+        kz::P<CVMDKContentIDUpdater> updater(
+            new CVMDKContentIDUpdater(fs.get(), mainUri, accessor->getDescriptor().get()));
+        kz::P<CVMDKGrainTableCache> cache(new CVMDKGrainTableCache(1));
+        return new CVMDKOnDemandExtentFile(
+            fs.get(), uri, access, 0, kGrainSectors, kGrainCount * kGrainSectors, kSectorBytes,
+            form.compressed, 1, nullptr, cache.get(), updater.get(),
+            form.encrypted ? cipher.get() : nullptr,
+            form.encrypted ? key : kz::TCryptBuffer<unsigned char>(), iv, keyHash());
+    }
+
+    CForm form;
+    kz::P<kz::IFileSystem> fs;
+    kz::CURI uri{"file:///sweep/e.vmdk"};
+    kz::CURI mainUri{"file:///sweep/main.vmdk"};
+    kz::P<vesk::ICipher> cipher{new vesk::CCipher_AES256CBC};
+    kz::TCryptBuffer<unsigned char> key;
+    kz::TBuffer<unsigned char> iv;
+};
+
+void writeGrain(IVMDKExtentFile& extent, CModel& model, int grain, const Bytes& data) {
+    model.write(grain, data);
+    extent.seek(static_cast<long long>(grain) * kGrainBytes);
+    extent.write(data.data(), kGrainBytes);
+}
+
+// A grain given in prepared form, as a copy between disks gives it.
+void writePreparedGrain(IVMDKExtentFile& extent, CModel& model, int grain, const Bytes& data) {
+    kz::P<kz::TBuffer<unsigned char>> plain(new kz::TBuffer<unsigned char>);
+    plain->assign(data.data(), data.size());
+    kz::P<kz::TBuffer<unsigned char>> aux(new kz::TBuffer<unsigned char>);
+    const kz::P<kz::TBuffer<unsigned char>> prepared =
+        extent.createDataPreparer()->prepareGrainData(plain.get(), grain, aux.get());
+    model.write(grain, data);
+    extent.seek(static_cast<long long>(grain) * kGrainBytes);
+    extent.writePreparedGrainData(*prepared);
+}
+
+// The changes that every write sequence makes, in the order a host might make them.
+void writeSequence(IVMDKExtentFile& extent, CModel& model) {
+    for (int grain : {3, 4, 600}) {
+        writeGrain(extent, model, grain, grainVersion(grain, 1));
+    }
+    // Rewrites: an incompressible version moves a compressed grain, a compressible one fits.
+    writeGrain(extent, model, 0, grainVersion(0, 2));
+    writeGrain(extent, model, 1, grainVersion(1, 3));
+    writeGrain(extent, model, 513, grainVersion(513, 2));
+    extent.flushChanges();
+    model.commit();
+    writePreparedGrain(extent, model, 5, grainVersion(5, 1));
+    writePreparedGrain(extent, model, 2, grainVersion(2, 2));
+    writeGrain(extent, model, 1029, grainVersion(1029, 1));
+    writeGrain(extent, model, 3, grainVersion(3, 2));
+    extent.flushChanges();
+    model.commit();
+    writeGrain(extent, model, 1, grainVersion(1, 4));
+    writeGrain(extent, model, 700, grainVersion(700, 1));
+    extent.close();
+    model.commit();
+}
+
+// What one run of a sweep does, and how its file is checked after.
+struct CScenario {
+    // Without faults: makes the state the faults then meet, written and flushed.
+    std::function<void(CExtentWorld&, CModel&)> prepare;
+    // With the faults armed.
+    std::function<void(CExtentWorld&, CModel&)> run;
+    // Opens the file for the check.
+    std::function<kz::P<IVMDKExtentFile>(CExtentWorld&)> reopen;
+    // The fault may hit the file's creation: while nothing was flushed, the file may then fail
+    // to open or to read, with a clear error.
+    bool createsTheFile;
+};
+
+// Reads every grain the model knows of and a few that nothing touched.
+void checkFile(CExtentWorld& world, const CScenario& scenario, const CModel& model, bool lenient,
+               std::vector<std::string>& problems) {
+    const bool mayFail = scenario.createsTheFile && !model.anythingCommitted();
+    kz::P<IVMDKExtentFile> extent;
+    try {
+        extent = scenario.reopen(world);
+    } catch (const kz::CError& error) {
+        if (!mayFail) {
+            problems.push_back(std::string("the file does not open: ") + error.what());
+        }
+        return;
+    }
+    std::vector<int> grains = model.touchedGrains();
+    grains.insert(grains.end(), {6, 512, 1099});
+    for (int grain : grains) {
+        Bytes data(kGrainBytes);
+        std::string error;
+        try {
+            extent->seek(static_cast<long long>(grain) * kGrainBytes);
+            extent->read(data.data(), kGrainBytes);
+        } catch (const kz::CError& e) {
+            error = e.what();
+            if (error.rfind("Internal error", 0) == 0) {
+                problems.push_back("grain " + std::to_string(grain) + ": " + error);
+            }
+            if (mayFail) {
+                continue;
+            }
+        }
+        const std::string problem = model.check(grain, data, error, lenient);
+        if (!problem.empty()) {
+            problems.push_back("grain " + std::to_string(grain) + " " + problem);
+        }
+    }
+}
+
+// Runs the scenario once for each operation it makes, failing that operation in `mode`.
+// Returns what went wrong, each with the run it went wrong in.
+std::vector<std::string> sweep(const CScenario& scenario, const CForm& form, Mode mode) {
+    std::vector<std::string> problems;
+    harltest::CLogCapture log;  // what destructors could not flush is logged, not thrown
+    for (long long n = 1;; ++n) {
+        kz::P<kz::CMemoryFileSystem> memory(new kz::CMemoryFileSystem(true));
+        kz::P<kz::CFaultInjectingFileSystem> faulty(
+            new kz::CFaultInjectingFileSystem(memory.get()));
+        CModel model;
+        CExtentWorld setup(form, memory.get());
+        scenario.prepare(setup, model);
+        model.commit();
+        faulty->failOperation(n, faultOf(mode));
+        std::vector<std::string> runProblems;
+        try {
+            CExtentWorld world(form, faulty.get());
+            scenario.run(world, model);
+        } catch (const kz::CFileSystemError& error) {
+            if (error.getMessage().toUTF8() != "Injected fault") {
+                runProblems.push_back(std::string("unexpected error: ") + error.what());
+            }
+        } catch (const std::exception& error) {
+            runProblems.push_back(std::string("unexpected error: ") + error.what());
+        }
+        if (mode == Mode::PowerCut) {
+            memory->cutPower(static_cast<unsigned>(n));
+        }
+        CExtentWorld after(form, memory.get());
+        const bool lenient = mode == Mode::TornWrite || form.encrypted;
+        checkFile(after, scenario, model, lenient, runProblems);
+        for (const std::string& problem : runProblems) {
+            problems.push_back(std::string(modeName(mode)) + " at operation " + std::to_string(n) +
+                               ": " + problem);
+        }
+        if (!faulty->hasFailed()) {
+            return problems;
+        }
+    }
+}
+
+const CForm kForms[] = {{false, false}, {true, false}, {false, true}, {true, true}};
+const Mode kModes[] = {Mode::Fail, Mode::TornWrite, Mode::Die, Mode::PowerCut};
+
+std::string formName(const CForm& form) {
+    return std::string(form.compressed ? "compressed" : "plain") +
+           (form.encrypted ? " encrypted" : "");
+}
+
+void expectSweepsClean(const CScenario& scenario) {
+    for (const CForm& form : kForms) {
+        for (Mode mode : kModes) {
+            const std::vector<std::string> problems = sweep(scenario, form, mode);
+            EXPECT_TRUE(problems.empty())
+                << formName(form) << ": " << problems.size()
+                << " problems, the first: " << (problems.empty() ? "" : problems[0]);
+        }
+    }
+}
+
+// An extent with grains in all three tables, written and flushed without faults; the faults
+// then meet the write sequence.
+CScenario writingScenario(bool misordered) {
+    return CScenario{[](CExtentWorld& world, CModel& model) {
+                         world.create();
+                         kz::P<CVMDKSparseExtentFile> extent =
+                             world.open(kz::IIOStream::AccessReadWrite);
+                         for (int grain : {0, 1, 2, 513, 1030}) {
+                             writeGrain(*extent, model, grain, grainVersion(grain, 1));
+                         }
+                         // Enough grains that the ones to come lie further from the tables
+                         // than the stream's buffer reaches, so that a write-back never
+                         // carries a table and a grain together.
+                         for (int grain = 7; grain < 31; ++grain) {
+                             writeGrain(*extent, model, grain, grainVersion(grain, 1));
+                         }
+                         extent->close();
+                     },
+                     [misordered](CExtentWorld& world, CModel& model) {
+                         kz::P<CVMDKSparseExtentFile> extent =
+                             world.open(kz::IIOStream::AccessReadWrite, misordered);
+                         writeSequence(*extent, model);
+                     },
+                     [](CExtentWorld& world) -> kz::P<IVMDKExtentFile> {
+                         return world.open(kz::IIOStream::AccessRead);
+                     },
+                     false};
+}
+
+TEST(ExtentFaultSweepTest, WritingFlushingAndClosingKeepWhatWasFlushed) {
+    expectSweepsClean(writingScenario(false));
+}
+
+TEST(ExtentFaultSweepTest, AFlushWithoutABarrierBetweenGrainsAndTablesIsCaught) {
+    const std::vector<std::string> problems =
+        sweep(writingScenario(true), CForm{false, false}, Mode::PowerCut);
+    EXPECT_FALSE(problems.empty());
+}
+
+// A file whose creation failed is gone, fails to open with a clear error, or reads as zeros.
+TEST(ExtentFaultSweepTest, CreatingLeavesNoFileThatReadsWrong) {
+    expectSweepsClean(CScenario{[](CExtentWorld&, CModel&) {},
+                                [](CExtentWorld& world, CModel&) { world.create(); },
+                                [](CExtentWorld& world) -> kz::P<IVMDKExtentFile> {
+                                    return world.open(kz::IIOStream::AccessRead);
+                                },
+                                true});
+}
+
+// An on-demand extent creates its file at the first write; a missing file reads as a hole.
+TEST(ExtentFaultSweepTest, AnOnDemandExtentCreatesItsFileSafely) {
+    expectSweepsClean(CScenario{[](CExtentWorld& world, CModel&) { world.writeMainFile(); },
+                                [](CExtentWorld& world, CModel& model) {
+                                    writeSequence(
+                                        *world.openOnDemand(kz::IIOStream::AccessReadWrite), model);
+                                },
+                                [](CExtentWorld& world) -> kz::P<IVMDKExtentFile> {
+                                    return world.openOnDemand(kz::IIOStream::AccessRead);
+                                },
+                                true});
+}
+
+}  // namespace
