@@ -1,8 +1,11 @@
 #pragma once
 
 #include "harl/descriptor/CVMDKDescriptor.h"
+#include "harl/descriptor/CVMDKDescriptorAccessor.h"
 #include "harl/descriptor/CVMDKExtentInfo.h"
+#include "harl/disk/CVMDKParentDiskDataProvider.h"
 #include "harl/extent/CVMDKContentIDUpdater.h"
+#include "harl/extent/CVMDKSpaceInfo.h"
 #include "harl/extent/IVMDKExtentFile.h"
 #include "harl/foundation/kz/CBase.h"
 #include "harl/foundation/kz/CLockFile.h"
@@ -12,6 +15,7 @@
 #include "harl/foundation/kz/IFileSystem.h"
 #include "harl/foundation/kz/IIOStream.h"
 #include "harl/foundation/kz/P.h"
+#include "harl/foundation/kz/String.h"
 #include "harl/foundation/kz/TBuffer.h"
 #include "harl/foundation/vesk/ICipher.h"
 #include "harl/grain/CVMDKGrainTableCache.h"
@@ -22,6 +26,14 @@ namespace harl {
 // A VMDK disk as one flat, byte-addressed space with one position. The space is cut into
 // extents, one per extent line of the descriptor; the disk keeps at most one of them open and
 // cuts every transfer at extent boundaries, so a split disk holds one file at a time.
+//
+// Opening takes the lock file "<main file name>.lock" beside the main file (shared for
+// reading, exclusive for writing) and holds it for the life of the disk and its copies, reads
+// the descriptor, proves the password of an encrypted disk against its key hash, maps the
+// extent lines and reads the grain geometry from the first extent. Opening changes no file of
+// the disk; the first change of the disk's data gives it a new content ID. A differencing
+// disk reads what it does not hold from its parent, which is opened read-only when a read
+// first needs it.
 //
 // Position: every transfer starts at getPosition() and, chunk by chunk, advances it once the
 // extent has done the chunk. A failure in a later extent leaves the position behind the
@@ -55,6 +67,54 @@ public:
         // Index, counted over the whole disk, of the extent's first grain.
         long long startGrainIndex = -1;
     };
+
+    // Opens the disk whose descriptor is in `uri`: a descriptor file, or a sparse extent that
+    // embeds its descriptor. `access` 1 reads, 3 reads and writes. `password` is needed for an
+    // encrypted disk and ignored otherwise, but for being handed to the parent; the disk does
+    // not keep it. `compressionLevel` goes to the extents (-1: the compressor's default).
+    // `grainTableCache`, when given, is shared with this disk and its parents; else the disk
+    // makes its own of 1024 tables. `parentDisk`, when given, serves as the open parent of a
+    // differencing disk, with no content ID comparison.
+    //
+    // Throws kz::CLockFileError when the lock is held elsewhere or cannot be made (a reader
+    // goes on without a lock when the lock file cannot be made and does not exist), CIOError
+    // code 5 for a disk of an unsupported kind or a corrupt descriptor or first extent,
+    // kz::CError "Specified VMDK encryption password is not correct." for a wrong password,
+    // and what the file system throws.
+    CVMDKDisk(kz::IFileSystem* fileSystem, const kz::CURI& uri, kz::IIOStream::Access access,
+              const kz::String& password, int compressionLevel,
+              CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk);
+
+    // Creates a disk of at least `minSizeBytes` (see getVirtualDiskSizeBytesFromMinSizeBytes)
+    // at `uri` and returns it open for writing. `password` empty: not encrypted.
+    // `compressed`: grains are compressed, the create type is "streamOptimized".
+    // `fileSizeLimit` -1: one file; else extent files of at most that many bytes (at most
+    // 2 TiB), named "<title>-s<5 digits><extension>" beside `uri`. `sParentRelPath` and
+    // `parentContentID` name the parent of a differencing disk, or are empty and 0xFFFFFFFF.
+    // `createExtentFilesOnDemand`: extent files after the first are made at their first write.
+    //
+    // Every size and argument error is thrown before the first file is touched. An error while
+    // the files are written leaves the files finished before it; an extent file that was being
+    // written is deleted. Files of an earlier disk of the same name are replaced.
+    static kz::P<CVMDKDisk> create(kz::IFileSystem* fileSystem, const kz::CURI& uri,
+                                   long long minSizeBytes, const kz::String& password,
+                                   bool compressed, int compressionLevel, long long fileSizeLimit,
+                                   const kz::String& sParentRelPath, unsigned int parentContentID,
+                                   bool createExtentFilesOnDemand);
+
+    // The largest extent file of a split disk that create() makes by default: 2 GiB.
+    static long long getDefaultFileSizeLimit() { return 2147483648LL; }
+
+    // The size create() gives a disk for `minSizeBytes`: at least 8 MiB, rounded up to a
+    // multiple of 64 KiB.
+    static long long getVirtualDiskSizeBytesFromMinSizeBytes(long long minSizeBytes);
+
+    // Fills `key` with `keyBytes` bytes derived from `password` (its UTF-8 bytes) by
+    // `algorithm`, "pkcs5-pbkdf2-hmac-sha1:<iterations>" with at least 1000 iterations, and
+    // `salt` of at least 8 bytes. Else a kz::CInvalidArgError.
+    static void deriveEncryptKey(kz::TCryptBuffer<unsigned char>& key, int keyBytes,
+                                 const kz::String& password, const kz::String& algorithm,
+                                 const kz::TBuffer<unsigned char>& salt);
 
     CVMDKDisk(const CVMDKDisk&) = default;
     CVMDKDisk& operator=(const CVMDKDisk&) = default;
@@ -91,6 +151,20 @@ public:
     // Flushes the open extent of a writable disk. The extent stays open.
     void flushChanges();
 
+    // Writes the descriptor in memory back to the main file. An internal CError on a disk
+    // not opened for writing.
+    void storeDescriptor();
+
+    // Names another parent file (a file reference, resolved against the main file's folder)
+    // and stores the descriptor. The parent content ID stays, and a parent already opened
+    // stays in use. An internal CError on a disk not opened for writing.
+    void changeParentRelPath(const kz::String& sParentRelPath);
+
+    // How the disk's files spend their bytes, summed over the extents. Walks every grain table
+    // and, on a writable disk, flushes each extent first. The position is the same afterwards,
+    // also when the walk fails.
+    kz::P<CVMDKSpaceInfo> gatherSpaceInfo();
+
     long long getSizeBytes() const { return sizeBytes; }
 
     long long getGrainSizeBytes() const { return grainSizeBytes; }
@@ -101,7 +175,13 @@ public:
 
     kz::CURI getFirstExtentFileURI() const { return firstExtentFileURI; }
 
+    // The parent's main file; empty for a disk without a parent.
     kz::CURI getParentDiskMainURI() const { return parentDiskMainURI; }
+
+    // The provider that reads the parent, or null for a disk without a parent.
+    kz::P<CVMDKParentDiskDataProvider> getParentProvider() const { return parentDataProvider; }
+
+    kz::IIOStream::Access getAccess() const { return access; }
 
     kz::P<CVMDKDescriptor> getDescriptor() const { return descriptor; }
 
@@ -140,9 +220,15 @@ protected:
     void finishExtentMap(long long diskGrainSizeSectors, bool diskCompressed);
 
     // Makes the extent object for a map entry whose range holds the position: `uri` is the
-    // entry's file, normalized. Never returns null; throws when the extent cannot be made.
+    // entry's file, normalized. An on-demand extent for a missing file of a disk that makes
+    // its files on demand, else a sparse extent over the file. Never returns null; throws
+    // when the extent cannot be made.
     virtual kz::P<IVMDKExtentFile> makeExtentFile(const kz::CURI& uri, long long startGrainIndex,
-                                                  long long rangeSizeSectors) = 0;
+                                                  long long rangeSizeSectors);
+
+    // An accessor of the main file's descriptor: on the open extent's stream when that extent
+    // is the main file, else on a new stream of the main file.
+    kz::P<CVMDKDescriptorAccessor> openDescriptorAccessor();
 
     // The step of every operation that reaches an extent. Closes the open extent if the
     // position has left it, opens the one that holds the position, and seeks it there (only if
@@ -151,6 +237,18 @@ protected:
     void beginIOOp(long long bytes, kz::P<IVMDKExtentFile>& extent, long long& opBytes);
 
 private:
+    // Writes the files of a new disk: a descriptor file unless it is embedded, then each
+    // extent file in disk order, after deleting what stands under its name.
+    static void writeNewDiskFiles(kz::IFileSystem* fileSystem, const kz::CURI& uri,
+                                  bool embedDescriptor, long long descriptorSectors,
+                                  bool compressed, bool createExtentFilesOnDemand,
+                                  CVMDKDescriptor& descriptor,
+                                  const kz::TArray<std::pair<kz::String, long long>>& extents,
+                                  const kz::TBuffer<unsigned char>& keyHash);
+    void takeLock(const kz::CURI& uri);
+    void loadDescriptor(const kz::CURI& uri);
+    void setUpEncryption(const kz::CURI& uri, const kz::String& password);
+    void readGeometry();
     void openExtentAtPosition();
     // The size test, then the grain boundary test, of a prepared grain read or write.
     void checkPreparedGrainRange(const char* what) const;
@@ -167,7 +265,7 @@ private:
     int compressionLevel;
     kz::P<CVMDKGrainTableCache> grainTableCache;
     kz::CURI parentDiskMainURI;
-    kz::P<IVMDKDataProvider> parentDataProvider;
+    kz::P<CVMDKParentDiskDataProvider> parentDataProvider;
     kz::P<CVMDKDescriptor> descriptor;
     kz::TArray<kz::P<CVMDKExtentInfo>> extentInfos;
     kz::TMap<CExtentKey, CExtentValue> extentMap;
@@ -182,7 +280,7 @@ private:
     long long currentExtentStartBytes = -1;
     long long currentExtentSizeBytes = 0;
     kz::P<CVMDKContentIDUpdater> contentIDUpdater;
-    [[maybe_unused]] bool createExtentFilesOnDemand = false;
+    bool createExtentFilesOnDemand = false;
     kz::P<kz::CLockFile> lockFile;
     kz::P<vesk::ICipher> cipher;
     kz::TCryptBuffer<unsigned char> encryptionKey;

@@ -8,7 +8,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     libwxgtk3.2-dev zlib1g-dev libdeflate-dev libssl-dev
     clang libclang-rt-dev
-    qemu-utils
+    qemu-utils e2fsprogs
 )
 
 missing=()

@@ -83,10 +83,49 @@ bool CLockFile::tryLock(bool createIfMissing) {
     }
     if (!locked) {
         throw CLockFileError("Cannot take the lock file: another user holds it",
-                             CProps().add("uri", uri.toString(true)).add("type", type));
+                             CProps().add("uri", uri.toString(true)).add("type", type), nullptr,
+                             readHolder(*candidate));
+    }
+    if (writable) {
+        recordHolder(*candidate);
     }
     stream = candidate;
     return true;
+}
+
+void CLockFile::recordHolder(IIOStream& locked) {
+    // The record is a courtesy to whoever is refused next; failing to write it must not cost
+    // the lock.
+    try {
+        if (type == Exclusive) {
+            const std::string record = CLockHolder::makeRecord().toUTF8();
+            locked.setLength(0);
+            locked.seek(0);
+            locked.write(record.data(), static_cast<int>(record.size()), nullptr);
+        } else if (locked.lockRange(0, 1, IStreamBase::LockExclusive)) {
+            // The first reader clears what a writer that died left behind; with other readers
+            // present the record is theirs to keep (it is empty, or names a live writer's
+            // predecessor only if that one died while readers were in).
+            locked.setLength(0);
+            locked.lockRange(0, 1, IStreamBase::LockShared);
+        }
+    } catch (const CError&) {
+    }
+}
+
+P<CLockHolder> CLockFile::readHolder(IIOStream& held) const {
+    try {
+        const long long length = held.getLength();
+        if (length <= 0 || length > CLockHolder::kMaxRecordBytes) {
+            return nullptr;
+        }
+        std::string record(static_cast<size_t>(length), '\0');
+        held.seek(0);
+        record.resize(static_cast<size_t>(held.readLax(record.data(), static_cast<int>(length))));
+        return CLockHolder::parse(uri, record);
+    } catch (const CError&) {
+        return nullptr;
+    }
 }
 
 void CLockFile::unlock() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "harl/foundation/kz/CBase.h"
+#include "harl/foundation/kz/CLockHolder.h"
 #include "harl/foundation/kz/CURI.h"
 #include "harl/foundation/kz/IFileSystem.h"
 #include "harl/foundation/kz/IIOStream.h"
@@ -20,6 +21,9 @@ namespace kz {
 // a name: so after taking its lock the constructor checks that the file still exists, and
 // starts again if not. What remains is a third process that re-creates the file within that
 // check; the two would then both hold a lock.
+//
+// A writer records its process in the file (see CLockHolder), and an error of a lock held by
+// another user carries what the file records.
 class CLockFile : public CBase {
 public:
     enum Type { Shared = 1, Exclusive = 2 };
@@ -42,6 +46,11 @@ private:
     // One try; false when the file was deleted under the new lock.
     bool tryLock(bool createIfMissing);
     P<IIOStream> openStream(bool createIfMissing);
+    // Writes this process into the file it has just locked for writing; a reader clears a
+    // record that no writer holds any more.
+    void recordHolder(IIOStream& locked);
+    // Who holds the lock that `held` could not take, as the file records it.
+    P<CLockHolder> readHolder(IIOStream& held) const;
     void unlock();
 
     P<IFileSystem> fileSystem;

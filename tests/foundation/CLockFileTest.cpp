@@ -57,8 +57,19 @@ TEST(CLockFileTest, ReadersShareAndAWriterExcludes) {
 
     P<CLockFile> writer(new CLockFile(fs.get(), uri, 2, true));
     EXPECT_EQ(lockError(fs.get(), uri, 1), held + "1]");
+    // The writer is named in the error, for the refused user to see.
+    try {
+        CLockFile refused(fs.get(), uri, 1);
+        ADD_FAILURE();
+    } catch (const kz::CLockFileError& e) {
+        ASSERT_TRUE(e.getLockHolder());
+        EXPECT_EQ(e.getLockHolder()->getProcessID(), ::getpid());
+    }
     writer.reset();
-    EXPECT_TRUE(fs->exists(uri));  // kept on request
+    EXPECT_TRUE(fs->exists(uri));  // kept on request, with the record of a writer now gone
+    P<CLockFile> reader(new CLockFile(fs.get(), uri, 1, true));
+    EXPECT_EQ(fs->open(uri, kz::IIOStream::AccessRead, 0)->getLength(), 0);  // the reader cleared it
+    reader.reset();
     fs->deleteFile(uri, false);
     EXPECT_THROW(CLockFile(fs.get(), uri, 1, false, false), kz::CLockFileError);
     EXPECT_FALSE(fs->exists(uri));

@@ -9,7 +9,25 @@ extern char** environ;
 
 namespace harltest {
 
-namespace {
+int runQemuImg(const std::vector<std::string>& arguments, std::string* output) {
+    return runProgram("qemu-img", arguments, output);
+}
+
+int runQemuIo(const std::vector<std::string>& arguments, std::string* output) {
+    return runProgram("qemu-io", arguments, output);
+}
+
+void runQemuOrThrow(const std::string& program, const std::vector<std::string>& arguments) {
+    std::string output;
+    const int status = runProgram(program, arguments, &output);
+    if (status != 0) {
+        std::string line = program;
+        for (const std::string& argument : arguments) {
+            line += " " + argument;
+        }
+        throw std::runtime_error(line + " failed (" + std::to_string(status) + "): " + output);
+    }
+}
 
 int runProgram(const std::string& program, const std::vector<std::string>& arguments,
                std::string* output) {
@@ -53,16 +71,6 @@ int runProgram(const std::string& program, const std::vector<std::string>& argum
     int status = 0;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
-}
-
-}  // namespace
-
-int runQemuImg(const std::vector<std::string>& arguments, std::string* output) {
-    return runProgram("qemu-img", arguments, output);
-}
-
-int runQemuIo(const std::vector<std::string>& arguments, std::string* output) {
-    return runProgram("qemu-io", arguments, output);
 }
 
 bool isQemuImgAvailable() {

@@ -17,8 +17,16 @@ bool isQemuImgAvailable();
 // output and error go to `output` when given.
 int runQemuImg(const std::vector<std::string>& arguments, std::string* output = nullptr);
 
-// The same for qemu-io, of the same package, which changes images in place ("-c 'write -z ...'").
+// The same for qemu-io, qemu's tool for I/O on an image ("-c 'write -P 1 0 64k'").
 int runQemuIo(const std::vector<std::string>& arguments, std::string* output = nullptr);
+
+// Runs `program` ("qemu-img" or "qemu-io") and throws std::runtime_error, with its output,
+// unless it exits with 0.
+void runQemuOrThrow(const std::string& program, const std::vector<std::string>& arguments);
+
+// Runs any program without a shell; its exit status, 127 when it cannot be started.
+int runProgram(const std::string& program, const std::vector<std::string>& arguments,
+               std::string* output = nullptr);
 
 // Creates an image of `sizeBytes` with "create -f vmdk -o subformat=<subformat>". Throws
 // std::runtime_error, with qemu-img's output, when it fails.

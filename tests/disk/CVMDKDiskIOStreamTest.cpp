@@ -1,0 +1,226 @@
+#include "harl/disk/CVMDKDisk.h"
+#include "harl/disk/CVMDKDiskIOStream.h"
+#include "harl/disk/CVMDKReverseIncrementalWriter.h"
+#include "harl/foundation/kz/CDataInStream.h"
+#include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CFileSystemError.h"
+#include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CMemoryFileSystem.h"
+#include "harl/foundation/kz/COptimizingIOStream.h"
+#include "harl/foundation/kz/IWriteBarrier.h"
+
+#include "tests/support/CLogCapture.h"
+#include "tests/support/SampleData.h"
+#include "tests/support/ThrownText.h"
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using harl::CVMDKDisk;
+using harl::CVMDKDiskIOStream;
+using harltest::Bytes;
+using harltest::errorText;
+
+constexpr long long kGrain = 65536;
+constexpr long long kDiskBytes = 8 * 1024 * 1024;
+const kz::IIOStream::Access kRead = kz::IIOStream::AccessRead;
+const kz::IIOStream::Access kWrite = kz::IIOStream::AccessReadWrite;
+
+kz::CURI at(const std::string& name) {
+    return kz::CURI("file:///d/" + name);
+}
+
+
+class CVMDKDiskIOStreamTest : public ::testing::Test {
+protected:
+    kz::P<CVMDKDisk> create(bool compressed, long long limit, bool onDemand) {
+        return CVMDKDisk::create(fs.get(), at("disk.vmdk"), kDiskBytes, "", compressed, 1, limit,
+                                 "", 0xFFFFFFFF, onDemand);
+    }
+
+    kz::P<kz::CMemoryFileSystem> fs{new kz::CMemoryFileSystem};
+};
+
+TEST_F(CVMDKDiskIOStreamTest, ServesStreamCodeBothWays) {
+    create(true, 1024 * 1024 * 8, false);
+    const Bytes data = harltest::makeFileSystemLikeData(3 * 1024 * 1024 + 123, 5);
+    {
+        // Small writes gathered by the buffered stream, through the stream that opens the disk.
+        kz::P<CVMDKDiskIOStream> disk(new CVMDKDiskIOStream(fs.get(), at("disk.vmdk"), kWrite, ""));
+        kz::P<kz::COptimizingIOStream> buffered(new kz::COptimizingIOStream(disk.get()));
+        buffered->seek(kGrain - 7);
+        for (size_t done = 0; done < data.size(); done += 1000) {
+            buffered->write(data.data() + done,
+                            static_cast<int>(std::min<size_t>(1000, data.size() - done)), nullptr);
+        }
+        buffered->flush();
+        EXPECT_EQ(disk->getURI(), at("disk.vmdk"));
+    }
+    // Read back into a raw file of the same length, by the stream's own end.
+    kz::P<CVMDKDiskIOStream> disk(new CVMDKDiskIOStream(fs.get(), at("disk.vmdk"), kRead, ""));
+    kz::P<kz::IIOStream> raw = fs->open(at("disk.raw"), kWrite, 0);
+    std::vector<unsigned char> chunk(1000000);
+    for (int count; (count = disk->readLax(chunk.data(), static_cast<int>(chunk.size()))) > 0;) {
+        raw->write(chunk.data(), count, nullptr);
+    }
+    EXPECT_TRUE(disk->isEndOfStream());
+    EXPECT_EQ(raw->getLength(), kDiskBytes);
+    Bytes back(data.size());
+    raw->seek(kGrain - 7);
+    kz::CDataInStream(raw.get()).read(back.data(), static_cast<int>(back.size()));
+    EXPECT_EQ(back, data);
+}
+
+TEST_F(CVMDKDiskIOStreamTest, ForwardsWhileOpenAndRefusesAfterClose) {
+    kz::P<CVMDKDisk> disk = create(false, -1, false);
+    kz::P<CVMDKDiskIOStream> stream(new CVMDKDiskIOStream(disk.get()));
+    kz::P<CVMDKDiskIOStream> second(new CVMDKDiskIOStream(disk.get()));
+    unsigned char bytes[4096] = {1, 2, 3};
+    kz::TBuffer<unsigned char> three;
+    three.assign(bytes, 3);
+    EXPECT_EQ(stream->getLength(), kDiskBytes);
+    stream->seek(kDiskBytes - 100);
+    EXPECT_EQ(second->getPosition(), kDiskBytes - 100);  // one disk, one position
+    EXPECT_EQ(stream->readAvailable(bytes, 4096), 100);
+    EXPECT_EQ(stream->readLax(bytes, 4096), 0);
+    EXPECT_TRUE(stream->isEndOfStream());
+    EXPECT_TRUE(stream->isEndOfStream_NonBlocking());
+    EXPECT_TRUE(stream->waitReadable(0));
+    EXPECT_EQ(errorText([&] { stream->read(bytes, 1); }),
+              "4 Read exceeds VMDK disk size. [mainFileURI=file:///d/disk.vmdk, position=8388608, "
+              "bytesToRead=1]");
+    stream->seek(0);
+    stream->writeKeepBuffer(kz::TConstBufferSlice<unsigned char>(three, 0, 3), nullptr);
+    EXPECT_TRUE(stream->createWriteBarrier());
+    EXPECT_FALSE(stream->isEndOfStream());
+    const std::string lockError = "problem 6 File system error 6: VMDK Disk I/O stream does not support lockRange.";
+    EXPECT_EQ(errorText([&] { stream->lockRange(0, 1, kz::IStreamBase::LockShared); }), lockError);
+    EXPECT_EQ(errorText([&] { stream->setLength(kDiskBytes); }), "13 ");
+
+    stream->close();
+    stream->close();
+    EXPECT_EQ(stream->getURI(), at("disk.vmdk"));
+    EXPECT_EQ(errorText([&] { stream->lockRange(0, 1, kz::IStreamBase::LockShared); }), lockError);
+    const std::vector<std::function<void()>> closed = {
+        [&] { stream->getLength(); },
+        [&] { stream->getPosition(); },
+        [&] { stream->seek(0); },
+        [&] { stream->read(bytes, 1); },
+        [&] { stream->readLax(bytes, 1); },
+        [&] { stream->readAvailable(bytes, 1); },
+        [&] { stream->waitReadable(0); },
+        [&] { stream->isEndOfStream(); },
+        [&] { stream->isEndOfStream_NonBlocking(); },
+        [&] { stream->write(bytes, 1, nullptr); },
+        [&] {
+            stream->writeKeepBuffer(kz::TConstBufferSlice<unsigned char>(three, 0, 1), nullptr);
+        },
+        [&] { stream->createWriteBarrier(); },
+        [&] { stream->flush(); },
+        [&] { stream->setLength(1); },
+    };
+    for (size_t i = 0; i < closed.size(); ++i) {
+        EXPECT_EQ(errorText(closed[i]), "10 ") << i;
+    }
+    // The disk stays open for its other holders.
+    second->seek(0);
+    second->read(bytes + 10, 3);
+    EXPECT_EQ(Bytes(bytes + 10, bytes + 13), Bytes({1, 2, 3}));
+    EXPECT_EQ(errorText([&] { CVMDKDiskIOStream(fs.get(), at("none.vmdk"), kRead, ""); }),
+              "problem 1 File system error 1: No such file [uri=file:///d/none.vmdk]");
+}
+
+TEST_F(CVMDKDiskIOStreamTest, AReadOnlyDiskFlushesNothing) {
+    create(false, -1, false);
+    kz::P<CVMDKDiskIOStream> stream(new CVMDKDiskIOStream(fs.get(), at("disk.vmdk"), kRead, ""));
+    const Bytes before(fs->getFile(at("disk.vmdk"))->getContent().getData(),
+                       fs->getFile(at("disk.vmdk"))->getContent().getData() + 4096);
+    unsigned char byte = 0;
+    stream->read(&byte, 1);
+    stream->flush();
+    stream->createWriteBarrier();
+    EXPECT_EQ(Bytes(fs->getFile(at("disk.vmdk"))->getContent().getData(),
+                    fs->getFile(at("disk.vmdk"))->getContent().getData() + 4096),
+              before);
+}
+
+TEST_F(CVMDKDiskIOStreamTest, AccountsForSpaceAcrossExtentsAndKeepsThePosition) {
+    // A compressed split disk with extent files on demand: four extents of 33 grains or less.
+    kz::P<CVMDKDisk> disk = create(true, 8 * 1024 * 1024, true);
+    const auto fresh = disk->gatherSpaceInfo();
+    EXPECT_EQ(fresh->getPayloadSize(), 0);
+    EXPECT_EQ(fresh->getPayloadSizeInFile(), 0);
+    const long long mainLength = fs->getFile(at("disk.vmdk"))->getLength();
+    EXPECT_EQ(fresh->getHeaderSize() + fresh->getDeadSpaceSize(), mainLength);
+    EXPECT_GE(fresh->getDeadSpaceSize(), 1536);  // the trail of a compressed extent
+
+    const Bytes text = harltest::makeTextLikeData(kGrain, 1);
+    for (long long grain : {0LL, 1LL, 100LL}) {
+        disk->seek(grain * kGrain);
+        disk->write(text.data(), static_cast<int>(kGrain));
+    }
+    disk->seek(12345);
+    const auto written = disk->gatherSpaceInfo();
+    EXPECT_EQ(disk->getPosition(), 12345);
+    EXPECT_EQ(written->getPayloadSize(), 3 * kGrain);
+    EXPECT_LT(written->getPayloadSizeInFile(), 3 * kGrain / 2);  // text compresses
+    EXPECT_FALSE(fs->exists(at("disk-s00001.vmdk")));            // a hole, counted as nothing
+
+    // A grain that outgrows its slot moves: payload stays, dead space grows by the old slot.
+    const Bytes noise = harltest::makeRandomData(kGrain, 2);
+    disk->seek(kGrain);
+    disk->write(noise.data(), static_cast<int>(kGrain));
+    const auto moved = disk->gatherSpaceInfo();
+    EXPECT_EQ(moved->getPayloadSize(), 3 * kGrain);
+    EXPECT_GT(moved->getPayloadSizeInFile(), kGrain);
+    EXPECT_GT(moved->getDeadSpaceSize(), written->getDeadSpaceSize());
+
+    // The walk fails in an extent whose file is cut short, and the position is where it was.
+    disk = nullptr;
+    fs->getFile(at("disk-s00003.vmdk"))->getContent().setUsed(100);
+    fs->getFile(at("disk.vmdk"))->getContent().setUsed(fresh->getHeaderSize() + 512);
+    disk = kz::makeP<CVMDKDisk>(fs.get(), at("disk.vmdk"), kRead, "", 1, nullptr, nullptr);
+    harltest::CLogCapture log;
+    disk->seek(777);
+    EXPECT_NE(errorText([&] { disk->gatherSpaceInfo(); }), "nothing thrown");
+    EXPECT_EQ(disk->getPosition(), 777);
+    // The first extent, shorter than its overhead and payload, was reported with a warning.
+    ASSERT_FALSE(log.messages(kz::LogLevel::Warning).empty());
+    EXPECT_EQ(log.messages(kz::LogLevel::Warning)
+                  .back()
+                  .toUTF8()
+                  .rfind("Calculated negative dead space value for VMDK extent file "
+                         "'file:///d/disk.vmdk' (deadSpace: -",
+                         0),
+              0u);
+}
+
+TEST(CVMDKReverseIncrementalWriterTest, CopiesShareTheDiskAndGrainDataButNotTheList) {
+    using Writer = harl::CVMDKReverseIncrementalWriter;
+    kz::P<kz::CMemoryFileSystem> fs(new kz::CMemoryFileSystem);
+    kz::P<CVMDKDisk> disk =
+        CVMDKDisk::create(fs.get(), at("d.vmdk"), 0, "", false, 1, -1, "", 0xFFFFFFFF, false);
+    const kz::P<kz::CBase> data(new kz::CBase);
+    Writer original(kz::TPathImpl<kz::CWindowsPathTraits>("C:\\a"),
+                    kz::TPathImpl<kz::CWindowsPathTraits>("C:\\b"), disk.get(), ~0ULL);
+    original.postponedGrains.push_back({1, data, 2});
+    Writer copy(original);
+    Writer moved(std::move(original));
+    EXPECT_EQ(original.postponedGrains.size(), 1u);  // moving copies
+    EXPECT_EQ(moved.disk.get(), disk.get());
+    EXPECT_EQ(moved.value, ~0ULL);
+    EXPECT_EQ(moved.postponedGrains.front().data.get(), data.get());
+    EXPECT_EQ(moved.secondPath.toString(), "C:\\b");
+    copy.postponedGrains.clear();
+    EXPECT_EQ(original.postponedGrains.size(), 1u);
+    Writer assigned = copy;
+    assigned = std::move(moved);
+    EXPECT_EQ(assigned.postponedGrains.size(), 1u);
+    EXPECT_EQ(moved.postponedGrains.size(), 1u);
+}
+
+}  // namespace
