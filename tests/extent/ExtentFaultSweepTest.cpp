@@ -29,12 +29,11 @@
 #include "harl/grain/VMDKEmptyExtent.h"
 
 #include "tests/support/CLogCapture.h"
+#include "tests/support/FaultSweep.h"
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <functional>
-#include <map>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -42,134 +41,24 @@ namespace {
 
 using namespace harl;
 using Bytes = std::vector<unsigned char>;
-using Fault = kz::CFaultInjectingFileSystem::Fault;
+using harltest::SweepMode;
+using Mode = SweepMode;
+using CModel = harltest::CSweepModel;
 
 constexpr long long kGrainSectors = 8;
 constexpr int kGrainBytes = 4096;
 constexpr int kSectorBytes = 512;
 // Three grain tables of 512 entries.
 constexpr long long kGrainCount = 1100;
-constexpr unsigned kTagMagic = 0x50455753;  // "SWEP"
-
-enum class Mode { Fail, TornWrite, Die, PowerCut };
-
-const char* modeName(Mode mode) {
-    const char* names[] = {"fail", "torn write", "die", "power cut"};
-    return names[static_cast<int>(mode)];
-}
-
-Fault faultOf(Mode mode) {
-    return mode == Mode::Fail        ? Fault::Fail
-           : mode == Mode::TornWrite ? Fault::TornWrite
-                                     : Fault::Die;
-}
 
 struct CForm {
     bool compressed;
     bool encrypted;
 };
 
-// Version `version` (from 1) of grain `grain`: every sector starts with a tag that names the
-// grain, the version and the sector; odd versions compress well, even ones not at all, so
-// that a compressed grain rewritten with an even version outgrows its slot and moves.
 Bytes grainVersion(int grain, int version) {
-    Bytes data(kGrainBytes);
-    std::mt19937 random(static_cast<unsigned>(grain * 1000 + version));
-    for (int sector = 0; sector < kGrainBytes / kSectorBytes; ++sector) {
-        unsigned char* bytes = data.data() + sector * kSectorBytes;
-        const unsigned tag[4] = {kTagMagic, static_cast<unsigned>(grain),
-                                 static_cast<unsigned>(version), static_cast<unsigned>(sector)};
-        std::memcpy(bytes, tag, sizeof(tag));
-        for (int i = sizeof(tag); i < kSectorBytes; ++i) {
-            bytes[i] = version % 2 == 1 ? static_cast<unsigned char>(grain + i / 64)
-                                        : static_cast<unsigned char>(random());
-        }
-    }
-    return data;
+    return harltest::grainVersion(grain, version, kGrainBytes);
 }
-
-// The grain a sector's tag names, or -1 for a sector without a tag.
-int taggedGrain(const unsigned char* sector) {
-    unsigned tag[2];
-    std::memcpy(tag, sector, sizeof(tag));
-    return tag[0] == kTagMagic ? static_cast<int>(tag[1]) : -1;
-}
-
-// What each grain may read as: its content at the last completed flush and what was written
-// to it since.
-class CModel {
-public:
-    void write(int grain, const Bytes& data) { grains[grain].since.push_back(data); }
-
-    // A flush or close returned: everything written is in the file.
-    void commit() {
-        committedOnce = committedOnce || !grains.empty();
-        for (auto& [index, grain] : grains) {
-            if (!grain.since.empty()) {
-                grain.committed = grain.since.back();
-                grain.since.clear();
-            }
-        }
-    }
-
-    // Checks one grain as read back (`error` empty) or the error its read met. `lenient`
-    // allows sectors of no version where a torn write or a cipher may leave them.
-    std::string check(int grain, const Bytes& data, const std::string& error, bool lenient) const {
-        const auto found = grains.find(grain);
-        const Bytes zero(kGrainBytes, 0);
-        const Bytes& committed = found == grains.end() ? zero : found->second.committed;
-        const std::vector<Bytes> none;
-        const std::vector<Bytes>& since = found == grains.end() ? none : found->second.since;
-        // A grain that got its first slot since the last flush, once, reads as before or as
-        // written: its table entry reaches the file only after its data.
-        const bool strict = since.empty() || (since.size() == 1 && committed == zero);
-        if (!error.empty()) {
-            return strict ? "read failed: " + error : "";
-        }
-        if (data == committed || (strict && !since.empty() && data == since[0])) {
-            return "";
-        }
-        if (strict) {
-            return "reads as neither its flushed nor its written content (its first sector is " +
-                   std::to_string(taggedGrain(data.data())) + ")";
-        }
-        // Rewritten in place since the last flush: each sector is one of a version's, or, where
-        // a write tore, of none, but never another grain's.
-        for (int sector = 0; sector < kGrainBytes / kSectorBytes; ++sector) {
-            const size_t at = static_cast<size_t>(sector * kSectorBytes);
-            bool known = std::memcmp(data.data() + at, committed.data() + at, kSectorBytes) == 0;
-            for (const Bytes& version : since) {
-                known =
-                    known || std::memcmp(data.data() + at, version.data() + at, kSectorBytes) == 0;
-            }
-            const int tagged = taggedGrain(data.data() + at);
-            if (!known && (!lenient || (tagged >= 0 && tagged != grain))) {
-                return "sector " + std::to_string(sector) + " holds data of grain " +
-                       std::to_string(tagged);
-            }
-        }
-        return "";
-    }
-
-    bool anythingCommitted() const { return committedOnce; }
-
-    std::vector<int> touchedGrains() const {
-        std::vector<int> result;
-        for (const auto& [index, grain] : grains) {
-            result.push_back(index);
-        }
-        return result;
-    }
-
-private:
-    struct CGrain {
-        Bytes committed = Bytes(kGrainBytes, 0);
-        std::vector<Bytes> since;
-    };
-
-    std::map<int, CGrain> grains;
-    bool committedOnce = false;
-};
 
 // A sparse extent whose flush writes the tables behind the grains without a flush of the
 // stream between them, so that the tables may reach the medium first: the negative control.
@@ -372,11 +261,11 @@ std::vector<std::string> sweep(const CScenario& scenario, const CForm& form, Mod
         kz::P<kz::CMemoryFileSystem> memory(new kz::CMemoryFileSystem(true));
         kz::P<kz::CFaultInjectingFileSystem> faulty(
             new kz::CFaultInjectingFileSystem(memory.get()));
-        CModel model;
+        CModel model(kGrainBytes);
         CExtentWorld setup(form, memory.get());
         scenario.prepare(setup, model);
         model.commit();
-        faulty->failOperation(n, faultOf(mode));
+        faulty->failOperation(n, harltest::faultOf(mode));
         std::vector<std::string> runProblems;
         try {
             CExtentWorld world(form, faulty.get());
@@ -395,8 +284,8 @@ std::vector<std::string> sweep(const CScenario& scenario, const CForm& form, Mod
         const bool lenient = mode == Mode::TornWrite || form.encrypted;
         checkFile(after, scenario, model, lenient, runProblems);
         for (const std::string& problem : runProblems) {
-            problems.push_back(std::string(modeName(mode)) + " at operation " + std::to_string(n) +
-                               ": " + problem);
+            problems.push_back(std::string(harltest::sweepModeName(mode)) + " at operation " +
+                               std::to_string(n) + ": " + problem);
         }
         if (!faulty->hasFailed()) {
             return problems;
