@@ -86,6 +86,22 @@ public:
 
     bool anythingCommitted() const { return committedOnce; }
 
+    // True when a flush brought a content of the grain to the file.
+    bool wasFlushed(int grain) const {
+        const auto found = grains.find(grain);
+        return found != grains.end() &&
+               found->second.committed != SweepBytes(static_cast<size_t>(grainBytes), 0);
+    }
+
+    // What the grain holds now, as far as the writes that returned go.
+    SweepBytes current(int grain) const {
+        const auto found = grains.find(grain);
+        if (found == grains.end()) {
+            return SweepBytes(static_cast<size_t>(grainBytes), 0);
+        }
+        return found->second.since.empty() ? found->second.committed : found->second.since.back();
+    }
+
     std::vector<int> touchedGrains() const {
         std::vector<int> result;
         for (const auto& [index, grain] : grains) {
