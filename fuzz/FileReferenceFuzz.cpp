@@ -3,7 +3,7 @@
 // a parsed URI must print as text that parses back to it, normalizing twice must change
 // nothing the second time, and a resolved reference must already be normalized.
 //
-// Input: one byte that picks the folder, then the text in UTF-8 (invalid sequences included).
+// Input: one byte that picks the folder, then the text in UTF-8, or else in Latin-1.
 #include "harl/format/VMDKFileReference.h"
 #include "harl/foundation/kz/CError.h"
 #include "harl/foundation/kz/CURI.h"
@@ -40,7 +40,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     }
     const kz::CURI& folder = folders[data[0] % 3];
-    const kz::String text = kz::String::fromUTF8(data + 1, size - 1);
+    // Text that is no UTF-8 reaches the library as Latin-1, as a descriptor in that encoding.
+    kz::String text;
+    try {
+        text = kz::String::fromUTF8(data + 1, size - 1);
+    } catch (const kz::CError&) {
+        text = kz::String::fromLatin1(data + 1, size - 1);
+    }
     try {
         const kz::CURI uri(text);
         checkParsed(uri);

@@ -6,7 +6,10 @@
 #
 #   bash scripts/fuzz.sh [minutes per target] [target ...]
 #
-# Findings land in build-fuzz/findings/<target>/; copy each into fuzz/corpus/<target>/ once
+# FUZZ_BUILD_DIR names the build folder (default build-fuzz, configured here for
+# RelWithDebInfo); an existing folder configured with HARL_FUZZ=ON is used as it is.
+#
+# Findings land in <build folder>/findings/<target>/; copy each into fuzz/corpus/<target>/ once
 # the fault is fixed, so that every smoke run replays it. The exit status is 1 when anything
 # was found.
 set -euo pipefail
@@ -14,11 +17,15 @@ cd "$(dirname "$0")/.."
 
 minutes=${1:-5}
 shift || true
-build=build-fuzz
+build=${FUZZ_BUILD_DIR:-build-fuzz}
 jobs=$(nproc)
 
-CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DHARL_SANITIZE=ON -DHARL_FUZZ=ON -DHARL_TESTS=OFF -DHARL_BENCHMARKS=OFF >/dev/null
+if [ -f "$build/CMakeCache.txt" ]; then
+    cmake "$build" >/dev/null
+else
+    CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DHARL_SANITIZE=ON -DHARL_FUZZ=ON -DHARL_TESTS=OFF -DHARL_BENCHMARKS=OFF >/dev/null
+fi
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
     for source in fuzz/*.cpp; do
