@@ -49,12 +49,6 @@ kz::P<CVMDKDisk> openDisk(kz::IFileSystem* fs, kz::IIOStream::Access access) {
     return kz::makeP<CVMDKDisk>(fs, kDisk, access, "", 1, nullptr, nullptr);
 }
 
-void writeGrain(CVMDKDisk& disk, harltest::CSweepModel& model, int grain, const Bytes& data) {
-    model.write(grain, data);
-    disk.seek(static_cast<long long>(grain) * kGrainBytes);
-    disk.write(data.data(), kGrainBytes);
-}
-
 // The first 4 KiB of the grain from `data`, the rest as the grain reads now (from the
 // parent, for a child's grain that has no slot yet).
 void writeGrainStart(CVMDKDisk& disk, harltest::CSweepModel& model, int grain, const Bytes& data) {
@@ -65,18 +59,6 @@ void writeGrainStart(CVMDKDisk& disk, harltest::CSweepModel& model, int grain, c
     disk.write(data.data(), 4096);
 }
 
-void writePreparedGrain(CVMDKDisk& disk, harltest::CSweepModel& model, int grain,
-                        const Bytes& data) {
-    kz::P<kz::TBuffer<unsigned char>> plain(new kz::TBuffer<unsigned char>);
-    plain->assign(data.data(), data.size());
-    kz::P<kz::TBuffer<unsigned char>> aux(new kz::TBuffer<unsigned char>);
-    const kz::P<kz::TBuffer<unsigned char>> prepared =
-        disk.createDataPreparer()->prepareGrainData(plain.get(), grain, aux.get());
-    model.write(grain, data);
-    disk.seek(static_cast<long long>(grain) * kGrainBytes);
-    disk.writePreparedGrainData(*prepared);
-}
-
 // The state before the faults: the disk (and a child's parent), with grains written and
 // flushed. The parent's grains are what the child's unwritten grains read as.
 void prepare(kz::IFileSystem* fs, Shape shape, harltest::CSweepModel& model) {
@@ -84,14 +66,14 @@ void prepare(kz::IFileSystem* fs, Shape shape, harltest::CSweepModel& model) {
     if (shape == Shape::Child) {
         kz::P<CVMDKDisk> parent = createDisk(fs, kParent, shape);
         for (int grain : {0, 1, 9, 25}) {
-            writeGrain(*parent, model, grain, version(grain, 7));
+            harltest::writeSweepGrain(*parent, model, grain, version(grain, 7));
         }
         parent->flushChanges();
         parentContentID = parent->getDescriptor()->getContentID();
     }
     kz::P<CVMDKDisk> disk = createDisk(fs, kDisk, shape, parentContentID);
     for (int grain : {0, 2, 17}) {
-        writeGrain(*disk, model, grain, version(grain, 1));
+        harltest::writeSweepGrain(*disk, model, grain, version(grain, 1));
     }
     disk->flushChanges();
 }
@@ -99,19 +81,19 @@ void prepare(kz::IFileSystem* fs, Shape shape, harltest::CSweepModel& model) {
 // The changes every disk sequence makes; the last ones are left to the destructor's flush.
 void writeSequence(kz::IFileSystem* fs, harltest::CSweepModel& model) {
     kz::P<CVMDKDisk> disk = openDisk(fs, kz::IIOStream::AccessReadWrite);
-    writeGrain(*disk, model, 3, version(3, 1));
-    writeGrain(*disk, model, 20, version(20, 1));
-    writeGrain(*disk, model, 0, version(0, 2));
+    harltest::writeSweepGrain(*disk, model, 3, version(3, 1));
+    harltest::writeSweepGrain(*disk, model, 20, version(20, 1));
+    harltest::writeSweepGrain(*disk, model, 0, version(0, 2));
     writeGrainStart(*disk, model, 1, version(1, 3));
     disk->flushChanges();
     model.commit();
-    writePreparedGrain(*disk, model, 5, version(5, 1));
-    writeGrain(*disk, model, 30, version(30, 1));
+    harltest::writeSweepGrainPrepared(*disk, model, 5, version(5, 1));
+    harltest::writeSweepGrain(*disk, model, 30, version(30, 1));
     writeGrainStart(*disk, model, 9, version(9, 3));
     disk->flushChanges();
     model.commit();
-    writeGrain(*disk, model, 3, version(3, 2));
-    writeGrain(*disk, model, 26, version(26, 1));
+    harltest::writeSweepGrain(*disk, model, 3, version(3, 2));
+    harltest::writeSweepGrain(*disk, model, 26, version(26, 1));
 }
 
 // The extent files of a split disk: "disk-s00000.vmdk" and on.

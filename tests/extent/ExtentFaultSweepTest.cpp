@@ -161,43 +161,25 @@ public:
     kz::TBuffer<unsigned char> iv;
 };
 
-void writeGrain(IVMDKExtentFile& extent, CModel& model, int grain, const Bytes& data) {
-    model.write(grain, data);
-    extent.seek(static_cast<long long>(grain) * kGrainBytes);
-    extent.write(data.data(), kGrainBytes);
-}
-
-// A grain given in prepared form, as a copy between disks gives it.
-void writePreparedGrain(IVMDKExtentFile& extent, CModel& model, int grain, const Bytes& data) {
-    kz::P<kz::TBuffer<unsigned char>> plain(new kz::TBuffer<unsigned char>);
-    plain->assign(data.data(), data.size());
-    kz::P<kz::TBuffer<unsigned char>> aux(new kz::TBuffer<unsigned char>);
-    const kz::P<kz::TBuffer<unsigned char>> prepared =
-        extent.createDataPreparer()->prepareGrainData(plain.get(), grain, aux.get());
-    model.write(grain, data);
-    extent.seek(static_cast<long long>(grain) * kGrainBytes);
-    extent.writePreparedGrainData(*prepared);
-}
-
 // The changes that every write sequence makes, in the order a host might make them.
 void writeSequence(IVMDKExtentFile& extent, CModel& model) {
     for (int grain : {3, 4, 600}) {
-        writeGrain(extent, model, grain, grainVersion(grain, 1));
+        harltest::writeSweepGrain(extent, model, grain, grainVersion(grain, 1));
     }
     // Rewrites: an incompressible version moves a compressed grain, a compressible one fits.
-    writeGrain(extent, model, 0, grainVersion(0, 2));
-    writeGrain(extent, model, 1, grainVersion(1, 3));
-    writeGrain(extent, model, 513, grainVersion(513, 2));
+    harltest::writeSweepGrain(extent, model, 0, grainVersion(0, 2));
+    harltest::writeSweepGrain(extent, model, 1, grainVersion(1, 3));
+    harltest::writeSweepGrain(extent, model, 513, grainVersion(513, 2));
     extent.flushChanges();
     model.commit();
-    writePreparedGrain(extent, model, 5, grainVersion(5, 1));
-    writePreparedGrain(extent, model, 2, grainVersion(2, 2));
-    writeGrain(extent, model, 1029, grainVersion(1029, 1));
-    writeGrain(extent, model, 3, grainVersion(3, 2));
+    harltest::writeSweepGrainPrepared(extent, model, 5, grainVersion(5, 1));
+    harltest::writeSweepGrainPrepared(extent, model, 2, grainVersion(2, 2));
+    harltest::writeSweepGrain(extent, model, 1029, grainVersion(1029, 1));
+    harltest::writeSweepGrain(extent, model, 3, grainVersion(3, 2));
     extent.flushChanges();
     model.commit();
-    writeGrain(extent, model, 1, grainVersion(1, 4));
-    writeGrain(extent, model, 700, grainVersion(700, 1));
+    harltest::writeSweepGrain(extent, model, 1, grainVersion(1, 4));
+    harltest::writeSweepGrain(extent, model, 700, grainVersion(700, 1));
     extent.close();
     model.commit();
 }
@@ -314,30 +296,30 @@ void expectSweepsClean(const CScenario& scenario) {
 // An extent with grains in all three tables, written and flushed without faults; the faults
 // then meet the write sequence.
 CScenario writingScenario(bool misordered) {
-    return CScenario{[](CExtentWorld& world, CModel& model) {
-                         world.create();
-                         kz::P<CVMDKSparseExtentFile> extent =
-                             world.open(kz::IIOStream::AccessReadWrite);
-                         for (int grain : {0, 1, 2, 513, 1030}) {
-                             writeGrain(*extent, model, grain, grainVersion(grain, 1));
-                         }
-                         // Enough grains that the ones to come lie further from the tables
-                         // than the stream's buffer reaches, so that a write-back never
-                         // carries a table and a grain together.
-                         for (int grain = 7; grain < 31; ++grain) {
-                             writeGrain(*extent, model, grain, grainVersion(grain, 1));
-                         }
-                         extent->close();
-                     },
-                     [misordered](CExtentWorld& world, CModel& model) {
-                         kz::P<CVMDKSparseExtentFile> extent =
-                             world.open(kz::IIOStream::AccessReadWrite, misordered);
-                         writeSequence(*extent, model);
-                     },
-                     [](CExtentWorld& world) -> kz::P<IVMDKExtentFile> {
-                         return world.open(kz::IIOStream::AccessRead);
-                     },
-                     false};
+    return CScenario{
+        [](CExtentWorld& world, CModel& model) {
+            world.create();
+            kz::P<CVMDKSparseExtentFile> extent = world.open(kz::IIOStream::AccessReadWrite);
+            for (int grain : {0, 1, 2, 513, 1030}) {
+                harltest::writeSweepGrain(*extent, model, grain, grainVersion(grain, 1));
+            }
+            // Enough grains that the ones to come lie further from the tables
+            // than the stream's buffer reaches, so that a write-back never
+            // carries a table and a grain together.
+            for (int grain = 7; grain < 31; ++grain) {
+                harltest::writeSweepGrain(*extent, model, grain, grainVersion(grain, 1));
+            }
+            extent->close();
+        },
+        [misordered](CExtentWorld& world, CModel& model) {
+            kz::P<CVMDKSparseExtentFile> extent =
+                world.open(kz::IIOStream::AccessReadWrite, misordered);
+            writeSequence(*extent, model);
+        },
+        [](CExtentWorld& world) -> kz::P<IVMDKExtentFile> {
+            return world.open(kz::IIOStream::AccessRead);
+        },
+        false};
 }
 
 TEST(ExtentFaultSweepTest, WritingFlushingAndClosingKeepWhatWasFlushed) {

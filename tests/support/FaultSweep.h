@@ -1,6 +1,7 @@
 #pragma once
 
 #include "harl/foundation/kz/CFaultInjectingFileSystem.h"
+#include "harl/foundation/kz/TBuffer.h"
 
 #include <cstring>
 #include <map>
@@ -166,5 +167,27 @@ private:
     std::map<int, CGrain> grains;
     bool committedOnce = false;
 };
+
+// Writes `data` as grain `grain` of an extent or a disk and records it in `model`: as bytes, or
+// as a prepared grain, as a copy between disks gives it.
+template <class Target>
+void writeSweepGrain(Target& target, CSweepModel& model, int grain, const SweepBytes& data) {
+    model.write(grain, data);
+    target.seek(static_cast<long long>(grain) * static_cast<long long>(data.size()));
+    target.write(data.data(), static_cast<int>(data.size()));
+}
+
+template <class Target>
+void writeSweepGrainPrepared(Target& target, CSweepModel& model, int grain,
+                             const SweepBytes& data) {
+    kz::P<kz::TBuffer<unsigned char>> plain(new kz::TBuffer<unsigned char>);
+    plain->assign(data.data(), data.size());
+    kz::P<kz::TBuffer<unsigned char>> aux(new kz::TBuffer<unsigned char>);
+    const kz::P<kz::TBuffer<unsigned char>> prepared =
+        target.createDataPreparer()->prepareGrainData(plain.get(), grain, aux.get());
+    model.write(grain, data);
+    target.seek(static_cast<long long>(grain) * static_cast<long long>(data.size()));
+    target.writePreparedGrainData(*prepared);
+}
 
 }  // namespace harltest
