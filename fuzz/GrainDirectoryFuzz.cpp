@@ -47,7 +47,9 @@ void visitGrains(harl::CVMDKGrainDirectory& directory, bool writable) {
                                        tracking ? 1 + grain % 7 : directory.getGrainSizeSectors());
             }
         } catch (const kz::CError&) {
-            // A table that cannot be read or a value it refuses; the next grain goes on.
+            // A table that cannot be read or a value it refused; the errors of the grains
+            // behind it would cost more than they find.
+            return;
         }
     }
 }

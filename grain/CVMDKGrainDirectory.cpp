@@ -180,6 +180,18 @@ kz::P<CVMDKGrainTable> CVMDKGrainDirectory::readTable(long long tableIndex) {
     return table;
 }
 
+bool CVMDKGrainDirectory::tableFitsInFile(long long tableIndex) {
+    // A neighbour that lies behind the end of a corrupt or cut file is passed over here, which
+    // costs less than the error its read would throw.
+    const size_t at = static_cast<size_t>(tableIndex);
+    const long long length = stream->getLength();
+    const auto fits = [&](unsigned int posSectors, long long entryBytes) {
+        return vmdkSectorsToBytesSaturated(posSectors) <= length - grainsPerTable * entryBytes;
+    };
+    return fits(directory[at], kGrainTableEntrySizeBytes) &&
+           (slotDirectory.getUsed() == 0 || fits(slotDirectory[at], kSlotSizeEntrySizeBytes));
+}
+
 kz::P<CVMDKGrainTable> CVMDKGrainDirectory::readTableBatch(long long tableIndex) {
     // Batches are aligned, so that neighbouring misses share one; a sequential walk thus finds
     // 31 of each 32 tables cached.
@@ -189,6 +201,9 @@ kz::P<CVMDKGrainTable> CVMDKGrainDirectory::readTableBatch(long long tableIndex)
     for (long long index = start; index < end; ++index) {
         // A cached table may hold changes that are not on file yet: never replace it.
         if (index == tableIndex || grainTableCache->hasCachedTable(this, index)) {
+            continue;
+        }
+        if (!tableFitsInFile(index)) {
             continue;
         }
         kz::P<CVMDKGrainTable> table;

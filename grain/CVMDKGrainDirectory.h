@@ -140,6 +140,8 @@ private:
     void findSlotDirectory();
     // Reads one table and checks its entries; throws what the table and the stream throw.
     kz::P<CVMDKGrainTable> readTable(long long tableIndex);
+    // True when the table and its slot-size table lie within the file.
+    bool tableFitsInFile(long long tableIndex);
     kz::P<CVMDKGrainTable> readTableBatch(long long tableIndex);
     kz::String getURIText();
 

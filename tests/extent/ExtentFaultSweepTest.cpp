@@ -282,16 +282,17 @@ std::string formName(const CForm& form) {
            (form.encrypted ? " encrypted" : "");
 }
 
-void expectSweepsClean(const CScenario& scenario) {
-    for (const CForm& form : kForms) {
-        for (Mode mode : kModes) {
-            const std::vector<std::string> problems = sweep(scenario, form, mode);
-            EXPECT_TRUE(problems.empty())
-                << formName(form) << ": " << problems.size()
-                << " problems, the first: " << (problems.empty() ? "" : problems[0]);
-        }
+void expectSweepsClean(const CScenario& scenario, const CForm& form) {
+    for (Mode mode : kModes) {
+        const std::vector<std::string> problems = sweep(scenario, form, mode);
+        EXPECT_TRUE(problems.empty())
+            << formName(form) << ": " << problems.size()
+            << " problems, the first: " << (problems.empty() ? "" : problems[0]);
     }
 }
+
+// One form per test, so that the sweeps of the four forms run side by side.
+class ExtentFaultSweepTest : public ::testing::TestWithParam<CForm> {};
 
 // An extent with grains in all three tables, written and flushed without faults; the faults
 // then meet the write sequence.
@@ -322,28 +323,29 @@ CScenario writingScenario(bool misordered) {
         false};
 }
 
-TEST(ExtentFaultSweepTest, WritingFlushingAndClosingKeepWhatWasFlushed) {
-    expectSweepsClean(writingScenario(false));
+TEST_P(ExtentFaultSweepTest, WritingFlushingAndClosingKeepWhatWasFlushed) {
+    expectSweepsClean(writingScenario(false), GetParam());
 }
 
-TEST(ExtentFaultSweepTest, AFlushWithoutABarrierBetweenGrainsAndTablesIsCaught) {
+TEST(ExtentFaultSweepControlTest, AFlushWithoutABarrierBetweenGrainsAndTablesIsCaught) {
     const std::vector<std::string> problems =
         sweep(writingScenario(true), CForm{false, false}, Mode::PowerCut);
     EXPECT_FALSE(problems.empty());
 }
 
 // A file whose creation failed is gone, fails to open with a clear error, or reads as zeros.
-TEST(ExtentFaultSweepTest, CreatingLeavesNoFileThatReadsWrong) {
+TEST_P(ExtentFaultSweepTest, CreatingLeavesNoFileThatReadsWrong) {
     expectSweepsClean(CScenario{[](CExtentWorld&, CModel&) {},
                                 [](CExtentWorld& world, CModel&) { world.create(); },
                                 [](CExtentWorld& world) -> kz::P<IVMDKExtentFile> {
                                     return world.open(kz::IIOStream::AccessRead);
                                 },
-                                true});
+                                true},
+                      GetParam());
 }
 
 // An on-demand extent creates its file at the first write; a missing file reads as a hole.
-TEST(ExtentFaultSweepTest, AnOnDemandExtentCreatesItsFileSafely) {
+TEST_P(ExtentFaultSweepTest, AnOnDemandExtentCreatesItsFileSafely) {
     expectSweepsClean(CScenario{[](CExtentWorld& world, CModel&) { world.writeMainFile(); },
                                 [](CExtentWorld& world, CModel& model) {
                                     writeSequence(
@@ -352,7 +354,10 @@ TEST(ExtentFaultSweepTest, AnOnDemandExtentCreatesItsFileSafely) {
                                 [](CExtentWorld& world) -> kz::P<IVMDKExtentFile> {
                                     return world.openOnDemand(kz::IIOStream::AccessRead);
                                 },
-                                true});
+                                true},
+                      GetParam());
 }
+
+INSTANTIATE_TEST_SUITE_P(Forms, ExtentFaultSweepTest, ::testing::ValuesIn(kForms));
 
 }  // namespace
