@@ -245,6 +245,10 @@ void CVMDKGrainDirectory::setGrainInfo(long long grainIndex, long long posSector
     }
 }
 
+long long CVMDKGrainDirectory::getClaimedEndSectors() const {
+    return slotGuard ? slotGuard->getClaimedEndSectors() : 0;
+}
+
 void CVMDKGrainDirectory::checkSlots(
     const std::vector<std::pair<long long, long long>>& fileMetadata, long long dataEndBytes,
     long long zeroedGrainEntry) {

@@ -116,6 +116,10 @@ public:
     void checkSlots(const std::vector<std::pair<long long, long long>>& fileMetadata,
                     long long dataEndBytes, long long zeroedGrainEntry);
 
+    // Where the file's known claims end, in sectors (CVMDKGrainSlotGuard::getClaimedEndSectors);
+    // 0 before checkSlots.
+    long long getClaimedEndSectors() const;
+
     // True when the file has a slot directory of the right length.
     bool getHaveSlotSizeInfo() const { return slotDirectory.getUsed() > 0; }
 

@@ -31,6 +31,7 @@ void CVMDKGrainSlotGuard::addMetadata(long long startSectors, long long lengthSe
     if (end > start) {
         ranges.emplace_back(start, end);
         metadataEndSectors = std::max(metadataEndSectors, end);
+        claimedEndSectors = std::max(claimedEndSectors, end);
     }
 }
 
@@ -81,8 +82,6 @@ CVMDKGrainSlotGuard::Problem CVMDKGrainSlotGuard::checkSlot(long long posSectors
     if (!compressed && slotSectors < grainSizeSectors) {
         return BadSlotSize;
     }
-    // A compressed slot whose size did not reach the file is checked as its first sector.
-    slotSectors = std::max(slotSectors, 1LL);
     const long long endSectors = posSectors + slotSectors;
     if (endSectors * kSectorSizeBytes > dataEndBytes) {
         return PastDataEnd;
@@ -91,7 +90,7 @@ CVMDKGrainSlotGuard::Problem CVMDKGrainSlotGuard::checkSlot(long long posSectors
 }
 
 void CVMDKGrainSlotGuard::checkTable(const unsigned int* positions, const unsigned short* slotSizes,
-                                     int count, std::vector<Problem>& problems) const {
+                                     int count, std::vector<Problem>& problems) {
     problems.clear();
     std::vector<CSlot> slots;
     slots.reserve(static_cast<size_t>(count));
@@ -100,8 +99,13 @@ void CVMDKGrainSlotGuard::checkTable(const unsigned int* positions, const unsign
         if (position == 0 || position == zeroedGrainEntry) {
             continue;
         }
-        const long long slotSectors = slotSizes != nullptr ? slotSizes[i] : grainSizeSectors;
+        // A compressed slot whose size did not reach the file is taken as its first sector.
+        const long long slotSectors = std::max(
+            slotSizes != nullptr ? slotSizes[i] : grainSizeSectors, compressed ? 1LL : 0LL);
         const Problem problem = checkSlot(position, slotSectors);
+        if (problem == PastDataEnd) {
+            claimedEndSectors = std::max(claimedEndSectors, position + slotSectors);
+        }
         if (problem != None) {
             problems.resize(static_cast<size_t>(count), None);
             problems[static_cast<size_t>(i)] = problem;

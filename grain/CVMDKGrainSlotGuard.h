@@ -51,7 +51,13 @@ public:
     // Checks the `count` entries of one table; `slotSizes` is null without slot-size tracking.
     // `problems` is left empty when every entry passes, else gets one Problem per entry.
     void checkTable(const unsigned int* positions, const unsigned short* slotSizes, int count,
-                    std::vector<Problem>& problems) const;
+                    std::vector<Problem>& problems);
+
+    // The end, in sectors, of everything the file is known to claim: its metadata and the
+    // slots of the entries refused so far for lying behind the end of the data. A new slot must
+    // start at or behind it, or a table or a refused entry would later point into the new
+    // grain; in a sane file it lies in front of the end of the data.
+    long long getClaimedEndSectors() const { return claimedEndSectors; }
 
     // The text of an error for `problem`.
     static const char* describe(Problem problem);
@@ -82,6 +88,7 @@ private:
     std::vector<std::pair<long long, long long>> ranges;
     std::vector<CTables> tables;
     long long metadataEndSectors = 0;
+    long long claimedEndSectors = 0;
 };
 
 }  // namespace harl

@@ -148,7 +148,7 @@ void CVMDKGrainTable::setGrainInfo(long long grainIndex, long long posSectors,
     }
 }
 
-void CVMDKGrainTable::refuseBadEntries(const CVMDKGrainSlotGuard& guard) {
+void CVMDKGrainTable::refuseBadEntries(CVMDKGrainSlotGuard& guard) {
     guard.checkTable(entries.getData(),
                      getSlotSizeTrackingEnabled() ? slotSizes.getData() : nullptr, grainCount,
                      problems);

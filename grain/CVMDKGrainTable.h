@@ -105,7 +105,7 @@ public:
 
     // Checks every entry with `guard`; an entry that fails is refused from now on, until
     // setGrainInfo gives the grain a new place. The entries themselves stay as they are.
-    void refuseBadEntries(const CVMDKGrainSlotGuard& guard);
+    void refuseBadEntries(CVMDKGrainSlotGuard& guard);
 
     bool hasUnflushedChanges() const { return entriesDirty || slotSizesDirty; }
 

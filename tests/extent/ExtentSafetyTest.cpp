@@ -167,6 +167,24 @@ TEST_F(ExtentSafetyTest, RefusesGrainsWhoseEntriesPointAtMetadataOrOtherSlots) {
     }
 }
 
+// An entry behind the end of the data would point into the next grain written there: a file that
+// claims such space gets no new grain. Found by fuzzing.
+TEST_F(ExtentSafetyTest, AddsNoGrainWhereARefusedEntryPoints) {
+    writeGrains({0});
+    pokeEntry(5, static_cast<unsigned int>(file().getUsed() / 512 + 8));
+    const size_t length = file().getUsed();
+    kz::P<CVMDKSparseExtentFile> extent = openExtent(memory.get(), uri, kReadWrite);
+    const Bytes data(kGrainBytes, 0x3c);
+    harltest::CLogCapture log;
+    EXPECT_EQ(harltest::thrownText<kz::CIOError>([&] {
+                  extent->seek(6 * kGrainBytes);
+                  extent->write(data.data(), kGrainBytes);
+                  extent->close();
+              }).rfind("5 VMDK file claims space behind the end of its grain data;", 0),
+              0u);
+    EXPECT_EQ(file().getUsed(), length);
+}
+
 // In a compressed extent the slot-size table says how long a slot is; the trail behind the data
 // is no room for a grain either.
 TEST_F(ExtentSafetyTest, ChecksCompressedSlotsAgainstTheirSizesAndTheTrail) {
