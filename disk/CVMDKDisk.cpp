@@ -816,6 +816,16 @@ void CVMDKDisk::flushChanges() {
     }
 }
 
+void CVMDKDisk::close() {
+    if (!currentExtent) {
+        return;
+    }
+    // A read-only extent has nothing to write; its close only lets the file go.
+    currentExtent->close();
+    currentExtent = nullptr;
+    currentExtentURI = kz::CURI();
+}
+
 kz::P<CVMDKSpaceInfo> CVMDKDisk::gatherSpaceInfo() {
     const long long savedPosition = position;
     const kz::P<CVMDKSpaceInfo> result(new CVMDKSpaceInfo);

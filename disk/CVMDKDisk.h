@@ -153,6 +153,13 @@ public:
     // Flushes the open extent of a writable disk. The extent stays open.
     void flushChanges();
 
+    // Flushes what changed and closes the open extent's file, reporting a failure of either:
+    // the way to learn that the last changes reached the files before the disk is let go,
+    // whose destructor can only log. After a failure the extent stays open and a later call
+    // tries again. After success no extent file is open (the lock stays until the disk goes),
+    // and a later operation opens an extent again.
+    void close();
+
     // Writes the descriptor in memory back to the main file. An internal CError on a disk
     // not opened for writing.
     void storeDescriptor();

@@ -32,6 +32,9 @@ public:
     // Every byte of the range is payload, in the file as it is.
     kz::P<CVMDKSpaceInfo> gatherSpaceInfo() override;
 
+protected:
+    void closeFile() override { stream->close(); }
+
 private:
     kz::P<kz::IIOStream> stream;
     long long offsetBytes = 0;

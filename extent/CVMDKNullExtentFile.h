@@ -45,6 +45,9 @@ public:
     // Nothing is held in memory.
     void flushChanges() override {}
 
+    // Nothing to flush or release.
+    void close() override {}
+
     // A new preparer at each call.
     kz::P<CVMDKDataPreparer> createDataPreparer() override;
     // Always throws an internal CError.

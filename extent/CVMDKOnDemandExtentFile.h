@@ -52,6 +52,9 @@ public:
 
     void flushChanges() override { innerFile->flushChanges(); }
 
+    // Closes the inner object; a hole has nothing to close, and the file is not created.
+    void close() override { innerFile->close(); }
+
     kz::P<CVMDKDataPreparer> createDataPreparer() override;
     void writePreparedGrainData(const kz::TBuffer<unsigned char>& data) override;
     void readPreparedGrainData(kz::TBuffer<unsigned char>& data) override;

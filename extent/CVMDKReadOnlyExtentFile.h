@@ -37,6 +37,10 @@ public:
 
     void flushChanges() override {}
 
+    // Nothing changes here, so closing only lets the file go; reading after it fails with the
+    // stream's code 10.
+    void close() override { closeFile(); }
+
     kz::P<CVMDKDataPreparer> createDataPreparer() override;
     void writePreparedGrainData(const kz::TBuffer<unsigned char>& data) override;
     long long makeGrainIndependentOfParent(long long grainIndex) override;
@@ -48,6 +52,9 @@ public:
 
 protected:
     CVMDKReadOnlyExtentFile(const kz::CURI& uri, long long startGrainIndex, int compressionLevel);
+
+    // Closes the subclass's file; a second call does nothing.
+    virtual void closeFile() = 0;
 
     // The geometry, once the subclass knows it: sectors per grain (1 or more, a grain of at
     // most an int of bytes), the extent size in sectors (0 or more, its bytes within a long

@@ -16,10 +16,13 @@
 #include "harl/grain/CVMDKGrain.h"
 #include "harl/grain/CVMDKGrainAllocator.h"
 #include "harl/grain/CVMDKGrainDirectory.h"
+#include "harl/grain/CVMDKGrainTable.h"
 #include "harl/grain/CVMDKGrainTableCache.h"
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 namespace harl {
 
@@ -29,6 +32,7 @@ constexpr long long kSectorBytes = kSectorSizeBytes;
 constexpr const char* kConstructor = "CVMDKSparseExtentFile constructor";
 // Footer marker, header copy and end-of-stream marker behind the data of a compressed extent.
 constexpr int kTrailSectors = 3;
+constexpr long long kHeaderSectors = 1;
 
 kz::String boolText(bool value) {
     return value ? "true" : "false";
@@ -66,12 +70,16 @@ CVMDKSparseExtentFile::CVMDKSparseExtentFile(kz::IIOStream* stream, kz::IIOStrea
     grainAllocator = kz::P<CVMDKGrainAllocator>(new CVMDKGrainAllocator(
         this->stream.get(), access, grainSizeSectors, compressed ? 1 : grainSizeSectors,
         grainDirectory.get(), makeTrailData()));
+    checkSlotsOfTables();
     grain = kz::P<CVMDKGrain>(new CVMDKGrain(
         this->stream.get(), access, grainSizeSectors, grainAllocator.get(), compressed,
         compressionLevel, fallbackDataProvider, cipher, this->encryptionKey, this->encryptionIV));
 }
 
 CVMDKSparseExtentFile::~CVMDKSparseExtentFile() {
+    if (closed) {
+        return;
+    }
     try {
         flushChanges();
     } catch (const std::exception& error) {
@@ -148,6 +156,7 @@ void CVMDKSparseExtentFile::checkGeometry() {
             uriProps());
     }
     compressed = (header->getFlags() & kVMDKHeaderFlagCompressed) != 0;
+    zeroedGrainEntries = (header->getFlags() & kVMDKHeaderFlagZeroedGrainEntries) != 0;
     const bool metaMarkers = (header->getFlags() & kVMDKHeaderFlagMetaMarkers) != 0;
     if (compressed != metaMarkers) {
         throw kz::CIOError(kz::CIOError::CorruptFormat,
@@ -181,6 +190,23 @@ void CVMDKSparseExtentFile::checkGeometry() {
     grainSizeBytes = grainSizeSectors * kSectorBytes;
 }
 
+void CVMDKSparseExtentFile::checkSlotsOfTables() {
+    // Header fields are unsigned and may be anything; beyond this they lie past any file.
+    const auto sectors = [](unsigned long long value) {
+        return static_cast<long long>(std::min<unsigned long long>(value, kMaxCapacitySectors));
+    };
+    std::vector<std::pair<long long, long long>> metadata{{0, kHeaderSectors}};
+    const long long descriptorStart = sectors(header->getDescriptorOffsetSectors());
+    if (descriptorStart > 0) {
+        metadata.emplace_back(descriptorStart,
+                              descriptorStart + sectors(header->getDescriptorSizeSectors()));
+    }
+    // The allocator knows where the data ends: at the trail of a compressed extent that ends
+    // with one, else at the end of the file.
+    grainDirectory->checkSlots(metadata, grainAllocator->getNextPosBytes(),
+                               zeroedGrainEntries ? kVMDKZeroedGrainEntry : 0);
+}
+
 kz::TBuffer<unsigned char> CVMDKSparseExtentFile::makeTrailData() {
     if (!compressed) {
         return kz::TBuffer<unsigned char>();
@@ -205,6 +231,7 @@ void CVMDKSparseExtentFile::setFallbackDataProvider(IVMDKDataProvider* provider)
 }
 
 void CVMDKSparseExtentFile::seek(long long newPosition) {
+    checkNotClosed();
     if (newPosition < 0 || newPosition > capacityBytes) {
         throw kz::CInvalidArgError("CVMDKSparseExtentFile::seek",
                                    "Invalid position: " + kz::String::number(newPosition),
@@ -215,7 +242,11 @@ void CVMDKSparseExtentFile::seek(long long newPosition) {
         long long posSectors = 0;
         long long slotSizeSectors = 0;
         grainDirectory->getGrainInfo(grainIndex, posSectors, slotSizeSectors);
-        grain->open(grainIndex, grainIndex + startGrainIndex, posSectors, slotSizeSectors);
+        if (zeroedGrainEntries && posSectors == kVMDKZeroedGrainEntry) {
+            grain->openZeroed(grainIndex, grainIndex + startGrainIndex);
+        } else {
+            grain->open(grainIndex, grainIndex + startGrainIndex, posSectors, slotSizeSectors);
+        }
         currentGrainIndex = grainIndex;
     }
     grain->seek(newPosition % grainSizeBytes);
@@ -223,6 +254,7 @@ void CVMDKSparseExtentFile::seek(long long newPosition) {
 }
 
 long long CVMDKSparseExtentFile::beginIOOp(long long maxBytes) {
+    checkNotClosed();
     long long left = grain->getBytesLeft();
     if (left == 0) {
         seek(position);
@@ -320,6 +352,7 @@ void CVMDKSparseExtentFile::writePreparedGrainData(const kz::TBuffer<unsigned ch
 
 long long CVMDKSparseExtentFile::makeGrainIndependentOfParent(long long grainIndex) {
     verifyHaveWriteAccess();
+    changedSinceFlush = true;
     seek(grainIndex * grainSizeBytes);
     const long long result = grain->makeIndependentOfParent();
     position += grainSizeBytes;
@@ -345,9 +378,18 @@ void CVMDKSparseExtentFile::onAboutToChange() {
     }
     verifyHaveWriteAccess();
     contentIDUpdater->onDiskAboutToChange(*this);
+    changedSinceFlush = true;
+}
+
+void CVMDKSparseExtentFile::checkNotClosed() const {
+    if (closed) {
+        throw kz::CIOError(kz::CIOError::StreamClosed, "VMDK sparse extent file is closed.",
+                           uriProps());
+    }
 }
 
 void CVMDKSparseExtentFile::verifyHaveWriteAccess() {
+    checkNotClosed();
     if (access != kz::IIOStream::AccessReadWrite) {
         throw kz::CError(
             "Internal error: VMDK sparse extent file is about to be changed, but it was not "
@@ -357,17 +399,35 @@ void CVMDKSparseExtentFile::verifyHaveWriteAccess() {
 }
 
 void CVMDKSparseExtentFile::flushChanges() {
-    if (access == kz::IIOStream::AccessRead) {
+    if (access == kz::IIOStream::AccessRead || !changedSinceFlush) {
         return;
     }
     // Grain data reaches the file, durably, before the tables that point at it.
+    writeGrainData();
+    stream->flush();
+    writeTables();
+    stream->flush();
+    changedSinceFlush = false;
+}
+
+void CVMDKSparseExtentFile::writeGrainData() {
     if (grain->isOpen()) {
         grain->flushChangesToStream();
     }
     grainAllocator->flushChangesToStream();
-    stream->flush();
+}
+
+void CVMDKSparseExtentFile::writeTables() {
     grainDirectory->flushChangesToStream();
-    stream->flush();
+}
+
+void CVMDKSparseExtentFile::close() {
+    if (closed) {
+        return;
+    }
+    flushChanges();
+    stream->close();
+    closed = true;
 }
 
 kz::P<CVMDKDataPreparer> CVMDKSparseExtentFile::createDataPreparer() {
@@ -376,6 +436,7 @@ kz::P<CVMDKDataPreparer> CVMDKSparseExtentFile::createDataPreparer() {
 }
 
 kz::P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo() {
+    checkNotClosed();
     flushChanges();
     const long long grainCount = (capacitySectors + grainSizeSectors - 1) / grainSizeSectors;
     long long payloadSize = 0;
@@ -388,7 +449,10 @@ kz::P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo() {
             continue;
         }
         payloadSize += grainSizeBytes;
-        payloadSizeInFile += compressed ? slotSizeSectors * kSectorBytes : grainSizeBytes;
+        // A grain written as zeros is payload that takes no room in the file.
+        if (!(zeroedGrainEntries && posSectors == kVMDKZeroedGrainEntry)) {
+            payloadSizeInFile += compressed ? slotSizeSectors * kSectorBytes : grainSizeBytes;
+        }
     }
     // Clamped so that a hostile header cannot overflow the product.
     const long long headerSize = static_cast<long long>(std::min<unsigned long long>(

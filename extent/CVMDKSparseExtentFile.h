@@ -25,7 +25,17 @@ class CVMDKSparseExtentHeader;
 // The constructor validates the file completely; a constructed object is usable. Byte
 // operations are cut at grain boundaries, and a sequential run costs one table look-up per
 // grain. A flush writes grain data, then the trail, then flushes the stream, then the tables,
-// then flushes again, so that a table never points at a grain the file does not hold.
+// then flushes again, so that a table never points at a grain the file does not hold. An
+// extent that has not changed since its last flush flushes nothing, and close() is the way to
+// learn that the last flush at the end of the extent's life worked; the destructor can only
+// log a failure.
+//
+// The entries of each grain table are checked as the table is read: a grain whose slot
+// reaches into metadata, past the end of the data or into another grain's slot of its table is
+// refused with kz::CIOError code 5 before anything is read from it or written through it.
+//
+// Files of other writers may mark grains written as zeros by a table entry of 1 (header flag
+// bit 2): such a grain reads as zeros, never from the provider, and a write gives it a slot.
 //
 // Every change is announced to the content ID updater first; without an updater, or opened
 // for reading, the extent refuses changes. Not thread-safe: calls must not overlap.
@@ -66,6 +76,10 @@ public:
     void read(void* buffer, int size) override;
     void write(const void* buffer, int size) override;
     void flushChanges() override;
+    // Flushes what changed, then closes the stream (which writes and syncs nothing more).
+    // Throws what they throw; the extent then stays open. Afterwards every operation throws
+    // kz::CIOError code 10.
+    void close() override;
     kz::P<CVMDKDataPreparer> createDataPreparer() override;
     void writePreparedGrainData(const kz::TBuffer<unsigned char>& data) override;
     void readPreparedGrainData(kz::TBuffer<unsigned char>& data) override;
@@ -78,20 +92,32 @@ public:
 
     long long getCapacityBytes() const { return capacityBytes; }
 
+    // True when the extent has changes that its last flush did not bring to the file.
+    bool hasUnflushedChanges() const { return changedSinceFlush; }
+
 protected:
+    // Flushes what changed, unless the extent was closed; a failure is logged.
     ~CVMDKSparseExtentFile() override;
 
     // Makes the grain stand on `position` and returns how many of `maxBytes` lie in it.
     long long beginIOOp(long long maxBytes);
     void onAboutToChange();
     void verifyHaveWriteAccess();
+    // What a flush writes, in its order, each followed by a flush of the stream: the open grain
+    // and the trail, then the tables.
+    void writeGrainData();
+    void writeTables();
 
 private:
+    void checkNotClosed() const;
     kz::CProps uriProps() const;
     void loadHeader();
     void checkEncryption();
     void checkGeometry();
     kz::TBuffer<unsigned char> makeTrailData();
+    // Has the directory check each table's entries against the file's metadata and the end of
+    // its data as the table is read, so that no grain is read or written through a bad entry.
+    void checkSlotsOfTables();
     void checkPreparedGrainRange(bool write);
     // The internal error of a prepared operation that found less than a grain before it.
     void checkWholeGrain(long long chunk, const char* operation) const;
@@ -108,12 +134,18 @@ private:
     long long grainSizeSectors = 0;
     long long grainSizeBytes = 0;
     bool compressed = false;
+    // Flag bit 2 of the header: a table entry of 1 marks a grain written as zeros.
+    bool zeroedGrainEntries = false;
     int compressionLevel;
     kz::P<CVMDKGrainDirectory> grainDirectory;
     kz::P<CVMDKGrainAllocator> grainAllocator;
     kz::P<CVMDKGrain> grain;
     long long currentGrainIndex = -1;
     long long position = 0;
+    // Set before the first change after a flush, cleared when a flush has brought every
+    // change to the file; a flush of a clean extent does nothing.
+    bool changedSinceFlush = false;
+    bool closed = false;
     kz::P<vesk::ICipher> cipher;
     kz::TCryptBuffer<unsigned char> encryptionKey;
     kz::TBuffer<unsigned char> encryptionIV;

@@ -67,6 +67,9 @@ public:
 
     GrainSource getGrainSource() const { return grainSource; }
 
+protected:
+    void closeFile() override { stream->close(); }
+
 private:
     void loadHeader();
     void checkHeader();

@@ -42,8 +42,16 @@ public:
     virtual void read(void* buffer, int size) = 0;
     virtual void write(const void* buffer, int size) = 0;
 
-    // Brings everything the extent holds in memory to its file.
+    // Brings everything the extent holds in memory to its file. An extent with nothing
+    // changed since its last flush touches no file.
     virtual void flushChanges() = 0;
+
+    // Flushes what changed and releases the extent's file, reporting a failure of either: the
+    // way for a host to learn that the last changes did not reach the file. After a failure
+    // the extent stays open and a later close tries again. After success the extent is not to
+    // be used again (one over a file refuses every operation), a second close does nothing,
+    // and destruction touches no file.
+    virtual void close() = 0;
 
     // A new preparer with the extent's grain size, compression flag and compression level.
     virtual kz::P<CVMDKDataPreparer> createDataPreparer() = 0;

@@ -56,6 +56,8 @@ namespace harl {
 // |-----|---------|---------------------------------------------------------------------|
 // | 0   | 0x1     | the line detection bytes are valid and checked on load              |
 // | 1   | 0x2     | the file has a redundant grain directory                            |
+// | 2   | 0x4     | a grain table entry of 1 marks a grain written as zeros, stored     |
+// |     |         | nowhere; other writers set it, this library never does              |
 // | 16  | 0x10000 | grains are compressed                                               |
 // | 17  | 0x20000 | metadata is preceded by markers                                     |
 //
@@ -68,6 +70,7 @@ constexpr uint32_t kVMDKSparseHeaderEncryptedMagic = 0x05644B45;
 
 constexpr uint32_t kVMDKHeaderFlagValidNewLineDetection = 0x1;
 constexpr uint32_t kVMDKHeaderFlagRedundantGrainDirectory = 0x2;
+constexpr uint32_t kVMDKHeaderFlagZeroedGrainEntries = 0x4;
 constexpr uint32_t kVMDKHeaderFlagCompressed = 0x10000;
 constexpr uint32_t kVMDKHeaderFlagMetaMarkers = 0x20000;
 

@@ -41,8 +41,6 @@ namespace harl {
 
 // The header's grain directory offset of a file whose directory is told only by its footer.
 constexpr uint64_t kVMDKGrainDirectoryAtEnd = ~0ULL;
-// Header flag: a grain table entry of 1 stands for a grain of zeros, not a position.
-constexpr uint32_t kVMDKHeaderFlagZeroedGrainEntries = 0x4;
 constexpr uint16_t kVMDKCompressAlgorithmDeflate = 1;
 
 // The footer marker, the footer and the end-of-stream marker.

@@ -2,15 +2,20 @@
 // grains, and lets the directory flush and go. Any input must end in the system's errors:
 // no crash, no undefined behaviour, no allocation sized by an unchecked count.
 //
-// Input: 33 bytes of parameters, little-endian, then the extent file's bytes.
+// The work per input is kept small, so that a campaign explores: parameters are as wide as
+// they need to be to reach every check (a table larger than the ceiling, positions behind any
+// file, negative values), inputs are at most a few KiB, and at most 32 grains spread over the
+// extent are visited.
+//
+// Input: 17 bytes of parameters, little-endian and signed, then the extent file's bytes.
 // | offset | size | parameter                                  |
 // |--------|------|--------------------------------------------|
-// | 0      | 8    | posSectors                                 |
-// | 8      | 8    | redundantPosSectors                        |
-// | 16     | 8    | capacitySectors                            |
-// | 24     | 4    | grainSizeSectors                           |
-// | 28     | 4    | grainsPerTable                             |
-// | 32     | 1    | bit 0: compressed; bit 1: opened writable  |
+// | 0      | 4    | posSectors                                 |
+// | 4      | 4    | redundantPosSectors                        |
+// | 8      | 4    | capacitySectors                            |
+// | 12     | 2    | grainSizeSectors                           |
+// | 14     | 2    | grainsPerTable                             |
+// | 16     | 1    | bit 0: compressed; bit 1: opened writable  |
 #include "harl/foundation/kz/CBufferStream.h"
 #include "harl/foundation/kz/CDataInStream.h"
 #include "harl/foundation/kz/CError.h"
@@ -24,13 +29,15 @@
 
 namespace {
 
-constexpr size_t kParameterBytes = 33;
-// Enough grains to cross a batch of tables with small tables, few enough to stay quick.
-constexpr long long kMaxGrainsVisited = 256;
+constexpr size_t kParameterBytes = 17;
+// Spread over the extent, so that they reach several tables and batches.
+constexpr long long kMaxGrainsVisited = 32;
 
 void visitGrains(harl::CVMDKGrainDirectory& directory, bool writable) {
-    const long long count = std::min(directory.getExtentGrainCount(), kMaxGrainsVisited);
-    for (long long grain = 0; grain < count; ++grain) {
+    const long long grains = directory.getExtentGrainCount();
+    const long long count = std::min(grains, kMaxGrainsVisited);
+    for (long long visit = 0; visit < count; ++visit) {
+        const long long grain = visit * (grains / count);
         try {
             long long pos = 0, slot = 0;
             directory.getGrainInfo(grain, pos, slot);
@@ -40,7 +47,9 @@ void visitGrains(harl::CVMDKGrainDirectory& directory, bool writable) {
                                        tracking ? 1 + grain % 7 : directory.getGrainSizeSectors());
             }
         } catch (const kz::CError&) {
-            // A table that cannot be read or a value it refuses; the next grain goes on.
+            // A table that cannot be read or a value it refused; the errors of the grains
+            // behind it would cost more than they find.
+            return;
         }
     }
 }
@@ -55,11 +64,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::memcpy(parameters.getData(), data, kParameterBytes);
     kz::P<kz::CBufferStream> parameterStream(new kz::CBufferStream(parameters));
     kz::CDataInStream in(parameterStream.get());
-    const long long posSectors = in.readInt64();
-    const long long redundantPosSectors = in.readInt64();
-    const long long capacitySectors = in.readInt64();
-    const long long grainSizeSectors = static_cast<int32_t>(in.readUInt32());
-    const int grainsPerTable = static_cast<int32_t>(in.readUInt32());
+    const long long posSectors = static_cast<int32_t>(in.readUInt32());
+    const long long redundantPosSectors = static_cast<int32_t>(in.readUInt32());
+    const long long capacitySectors = static_cast<int32_t>(in.readUInt32());
+    const long long grainSizeSectors = static_cast<int16_t>(in.readUInt16());
+    const int grainsPerTable = static_cast<int16_t>(in.readUInt16());
     const unsigned flags = in.readUInt8();
 
     kz::TBuffer<unsigned char> file(size - kParameterBytes);

@@ -110,9 +110,9 @@ void CVMDKGrain::open(long long extentGrainIndex, long long diskGrainIndex, long
         posSectors = 0;
         slotSizeSectors = 0;
     } else if (compressed && slotSizeSectors <= 0) {
-        throw kz::CInvalidArgError("CVMDKGrain::open",
-                                   "Invalid slot size for allocated compressed grain: " +
-                                       kz::String::number(slotSizeSectors) + " sectors");
+        // The slot size did not reach the file with the position (a power cut between the
+        // two); the grain says how long it is, and a rewrite takes a new slot.
+        slotSizeSectors = 0;
     } else if (!compressed && slotSizeSectors < grainSizeSectors) {
         throw kz::CInvalidArgError(
             "CVMDKGrain::open",
@@ -128,12 +128,18 @@ void CVMDKGrain::open(long long extentGrainIndex, long long diskGrainIndex, long
     posInGrain = 0;
 }
 
+void CVMDKGrain::openZeroed(long long extentGrainIndex, long long diskGrainIndex) {
+    open(extentGrainIndex, diskGrainIndex, 0, 0);
+    zeroed = true;
+}
+
 void CVMDKGrain::close() {
     flushChangesToStream();
     posSectors = -1;
     slotSizeSectors = -1;
     extentGrainIndex = -1;
     diskGrainIndex = -1;
+    zeroed = false;
     grainData->setUsed(0);
     preparedData->setUsed(0);
     posInGrain = 0;
@@ -176,7 +182,7 @@ void CVMDKGrain::read(void* buffer, int size) {
                                .add("bytesToRead", size));
     }
     if (posSectors == 0 && grainData->getUsed() == 0) {
-        if (fallbackDataProvider) {
+        if (fallbackDataProvider && !zeroed) {
             fallbackDataProvider->getData(diskGrainIndex * grainSizeBytes + posInGrain, buffer,
                                           size);
         } else {
@@ -226,7 +232,7 @@ void CVMDKGrain::readGrainData() {
     grainData->setUsed(static_cast<size_t>(grainSizeBytes));
     try {
         if (posSectors == 0) {
-            if (fallbackDataProvider) {
+            if (fallbackDataProvider && !zeroed) {
                 fallbackDataProvider->getData(diskGrainIndex * grainSizeBytes, grainData->getData(),
                                               static_cast<int>(grainSizeBytes));
             } else {
@@ -312,8 +318,9 @@ void CVMDKGrain::flushChangesToStream() {
         return;
     }
     // Zeros written to a grain the extent does not store read back as written only while
-    // nothing stands behind it; with a provider they must be stored to hide its grain.
-    if (posSectors == 0 && !fallbackDataProvider &&
+    // nothing stands behind it (no provider, or the file's mark of a zeroed grain); with a
+    // provider they must be stored to hide its grain.
+    if (posSectors == 0 && (!fallbackDataProvider || zeroed) &&
         isAllZero(grainData->getData(), grainData->getUsed())) {
         dirty = false;
         return;
@@ -335,7 +342,7 @@ void CVMDKGrain::readPreparedGrainData(kz::TBuffer<unsigned char>& data) {
     }
     flushChangesToStream();
     if (posSectors == 0) {
-        if (fallbackDataProvider) {
+        if (fallbackDataProvider && !zeroed) {
             fallbackDataProvider->getPreparedGrainData(diskGrainIndex * grainSizeBytes, data,
                                                        static_cast<int>(grainSizeBytes),
                                                        compressed);
@@ -456,6 +463,7 @@ void CVMDKGrain::writePreparedGrainDataInternal(const kz::TConstBufferSlice<unsi
                          : allocator->allocNewGrain(extentGrainIndex, stored.getData(),
                                                     static_cast<int>(stored.getLength()), slot);
         slotSizeSectors = allocSectors;
+        zeroed = false;
     } else {
         stream->seek(posSectors * kSectorSizeBytes);
         if (keepBuffer) {
@@ -523,7 +531,7 @@ long long CVMDKGrain::makeIndependentOfParent() {
     if (posSectors == 0 && dirty) {
         flushChangesToStream();
     }
-    if (posSectors > 0) {
+    if (posSectors > 0 || zeroed) {
         posInGrain = grainSizeBytes;
         return grainSizeBytes;
     }

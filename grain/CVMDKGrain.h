@@ -82,10 +82,17 @@ public:
 
     // Closes what is open (which stores it, and throws if that fails, leaving the old grain
     // open) and stands at the start of the given grain. A `posSectors` of 0 or below means
-    // that the extent does not store the grain; its slot length is then taken as 0. Nothing is
-    // read. A bad slot length throws a CInvalidArgError and leaves the object closed.
+    // that the extent does not store the grain; its slot length is then taken as 0. A stored
+    // compressed grain with a slot length of 0 or below has a slot of unknown length: it reads
+    // as its data says and moves when rewritten. Nothing is read. An uncompressed slot shorter
+    // than a grain throws a CInvalidArgError and leaves the object closed.
     void open(long long extentGrainIndex, long long diskGrainIndex, long long posSectors,
               long long slotSizeSectors);
+
+    // The same for a grain that the file records as written with zeros and stores nowhere: it
+    // reads as zeros whatever the provider holds, counts as written here, and a store gives
+    // it a new slot.
+    void openZeroed(long long extentGrainIndex, long long diskGrainIndex);
 
     // Stores the grain if it is dirty, then forgets it. A failed store throws and leaves the
     // grain open and dirty.
@@ -148,7 +155,7 @@ public:
     bool isGrainWritten();
 
     // For the open grain: it has data here or in memory, whatever the provider holds.
-    bool isGrainWrittenAndIndependentOfParent() const { return dirty || posSectors != 0; }
+    bool isGrainWrittenAndIndependentOfParent() const { return dirty || posSectors != 0 || zeroed; }
 
     // Replaces the provider; null removes it. Buffers stay.
     void setFallbackDataProvider(IVMDKDataProvider* provider);
@@ -192,6 +199,9 @@ private:
     long long slotSizeSectors = -1;
     long long extentGrainIndex = -1;
     long long diskGrainIndex = -1;
+    // The open grain is stored nowhere (posSectors 0) and reads as zeros, not from the
+    // provider, until a store gives it a slot.
+    bool zeroed = false;
     long long grainSizeSectors;
     long long grainSizeBytes;
     bool compressed;

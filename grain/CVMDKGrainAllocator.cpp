@@ -1,6 +1,7 @@
 #include "harl/grain/CVMDKGrainAllocator.h"
 
 #include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CIOError.h"
 #include "harl/foundation/kz/CInvalidArgError.h"
 #include "harl/foundation/kz/Log.h"
 #include "harl/grain/CVMDKGrainDirectory.h"
@@ -100,10 +101,21 @@ long long CVMDKGrainAllocator::allocate(long long extentGrainIndex, const unsign
             "Internal error: CVMDKGrainAllocator::allocNewGrain was called, but the grain "
             "allocator was not opened for writing.");
     }
-    stream->seek(nextPosBytes);
     const long long misalignment = nextPosBytes % grainAlignmentBytes;
     const long long start =
         misalignment == 0 ? nextPosBytes : nextPosBytes + grainAlignmentBytes - misalignment;
+    // A corrupt file may claim space behind the end of its data, with a table or a grain entry;
+    // a new grain there would later be read as that, or overwritten by it.
+    if (directory->getClaimedEndSectors() * kSectorSizeBytes > start) {
+        throw kz::CIOError(kz::CIOError::CorruptFormat,
+                           "VMDK file claims space behind the end of its grain data; no grain is "
+                           "added to it.",
+                           kz::CProps()
+                               .add("uri", stream->getURI().toString(true))
+                               .add("claimedEndSectors", directory->getClaimedEndSectors())
+                               .add("dataEndBytes", nextPosBytes));
+    }
+    stream->seek(nextPosBytes);
     writeZeros(start - nextPosBytes);
     // From here on the trail, if any, is being overwritten.
     trailDirty = true;

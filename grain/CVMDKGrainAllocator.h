@@ -19,6 +19,9 @@ class CVMDKGrainDirectory;
 // valid trail; an opening that finds none keeps the end of the file as data and appends a
 // new trail at its next flush.
 //
+// A file whose directory knows of a table or a grain entry behind the end of the data gets no
+// new grain: it would lie where that table or entry points (kz::CIOError code 5).
+//
 // Every operation seeks first and leaves the stream behind what it wrote.
 class CVMDKGrainAllocator : public kz::CBase, public virtual IVMDKGrainAllocator {
 public:

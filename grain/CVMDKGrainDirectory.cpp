@@ -5,6 +5,7 @@
 #include "harl/foundation/kz/CIOError.h"
 #include "harl/foundation/kz/CInvalidArgError.h"
 #include "harl/foundation/kz/Log.h"
+#include "harl/grain/CVMDKGrainSlotGuard.h"
 #include "harl/grain/CVMDKGrainTable.h"
 #include "harl/grain/CVMDKGrainTableCache.h"
 #include "harl/grain/VMDKEntryArrays.h"
@@ -19,6 +20,7 @@ namespace {
 
 constexpr long long kDirectoryEntrySizeBytes = 4;
 constexpr long long kGrainTableEntrySizeBytes = 4;
+constexpr long long kSlotSizeEntrySizeBytes = 2;
 
 // Whole sectors that `count` directory or table entries of `entrySizeBytes` take.
 long long sectorsForEntries(long long count, long long entrySizeBytes) {
@@ -61,7 +63,7 @@ CVMDKGrainDirectory::CVMDKGrainDirectory(kz::IIOStream* stream, kz::IIOStream::A
 
 CVMDKGrainDirectory::~CVMDKGrainDirectory() {
     try {
-        grainTableCache->flushCachedTablesFromDirectoryToStream(this);
+        flushChangesToStream();
     } catch (const std::exception& error) {
         kz::onExceptionInDestructorIgnored("harl::CVMDKGrainDirectory", error, true);
     }
@@ -177,44 +179,59 @@ void CVMDKGrainDirectory::getGrainTablePositions(long long tableIndex, long long
     redundantPosSectors = redundantDirectory.getUsed() > 0 ? redundantDirectory[at] : 0;
 }
 
+kz::P<CVMDKGrainTable> CVMDKGrainDirectory::readTable(long long tableIndex) {
+    const size_t at = static_cast<size_t>(tableIndex);
+    kz::P<CVMDKGrainTable> table(
+        new CVMDKGrainTable(stream.get(), access, grainSizeSectors, directory[at],
+                            redundantDirectory.getUsed() > 0 ? redundantDirectory[at] : 0,
+                            slotDirectory.getUsed() > 0 ? slotDirectory[at] : 0, grainsPerTable));
+    if (slotGuard) {
+        table->refuseBadEntries(*slotGuard);
+    }
+    return table;
+}
+
+bool CVMDKGrainDirectory::tableFitsInFile(long long tableIndex) {
+    // A neighbour that lies behind the end of a corrupt or cut file is passed over here, which
+    // costs less than the error its read would throw.
+    const size_t at = static_cast<size_t>(tableIndex);
+    const long long length = stream->getLength();
+    const auto fits = [&](unsigned int posSectors, long long entryBytes) {
+        return vmdkSectorsToBytesSaturated(posSectors) <= length - grainsPerTable * entryBytes;
+    };
+    return fits(directory[at], kGrainTableEntrySizeBytes) &&
+           (slotDirectory.getUsed() == 0 || fits(slotDirectory[at], kSlotSizeEntrySizeBytes));
+}
+
 kz::P<CVMDKGrainTable> CVMDKGrainDirectory::readTableBatch(long long tableIndex) {
     // Batches are aligned, so that neighbouring misses share one; a sequential walk thus finds
     // 31 of each 32 tables cached.
     const long long start = tableIndex - tableIndex % kTableBatchSize;
     const long long end = std::min(start + kTableBatchSize, grainTableCount);
-    kz::P<CVMDKGrainTable> result;
+    const kz::P<CVMDKGrainTable> result = readTable(tableIndex);
     for (long long index = start; index < end; ++index) {
         // A cached table may hold changes that are not on file yet: never replace it.
-        if (grainTableCache->hasCachedTable(this, index)) {
+        if (index == tableIndex || grainTableCache->hasCachedTable(this, index)) {
             continue;
         }
-        const size_t at = static_cast<size_t>(index);
+        if (!tableFitsInFile(index)) {
+            continue;
+        }
         kz::P<CVMDKGrainTable> table;
         try {
-            table = new CVMDKGrainTable(
-                stream.get(), access, grainSizeSectors, directory[at],
-                redundantDirectory.getUsed() > 0 ? redundantDirectory[at] : 0,
-                slotDirectory.getUsed() > 0 ? slotDirectory[at] : 0, grainsPerTable);
+            table = readTable(index);
         } catch (const kz::CError&) {
             // A neighbour that cannot be read stays out of the cache; its error comes when it
             // is asked for itself, and does not keep the tables around it from being read.
-            if (index == tableIndex) {
-                throw;
-            }
             continue;
         }
-        // May evict other tables, which then write themselves; the limit runs between tables.
+        // May evict other tables, which are written first; the limit runs between tables.
         grainTableCache->setCachedTable(this, index, table.get());
-        if (index == tableIndex) {
-            result = table;
-        }
     }
-    if (!result) {
-        throw kz::CError(
-            "Internal error: CVMDKGrainDirectory::getGrainTable updated the cache, but did not "
-            "encounter the requested table (requested index: " +
-            kz::String::number(tableIndex) + ")");
-    }
+    // The requested table goes in last, as the most recently used, so that its neighbours do
+    // not evict it before the caller has used it: a change to a table outside the cache would
+    // reach the file only through its destructor, where a failure cannot be reported.
+    grainTableCache->setCachedTable(this, tableIndex, result.get());
     return result;
 }
 
@@ -226,12 +243,63 @@ void CVMDKGrainDirectory::getGrainInfo(long long grainIndex, long long& posSecto
 
 void CVMDKGrainDirectory::setGrainInfo(long long grainIndex, long long posSectors,
                                        long long slotSizeSectors) {
-    getGrainTable(grainIndex / grainsPerTable)
-        ->setGrainInfo(grainIndex % grainsPerTable, posSectors, slotSizeSectors);
+    const long long tableIndex = grainIndex / grainsPerTable;
+    const kz::P<CVMDKGrainTable> table = getGrainTable(tableIndex);
+    table->setGrainInfo(grainIndex % grainsPerTable, posSectors, slotSizeSectors);
+    // Only a cache of limit 0 holds no table; the change is then written at once, where a
+    // failure reaches the caller.
+    if (!grainTableCache->hasCachedTable(this, tableIndex)) {
+        table->flushDurablyToStream();
+    }
+    if (slotGuard) {
+        slotGuard->noteSlot(posSectors, slotSizeSectors);
+    }
+}
+
+long long CVMDKGrainDirectory::getClaimedEndSectors() const {
+    return slotGuard ? slotGuard->getClaimedEndSectors() : 0;
+}
+
+void CVMDKGrainDirectory::checkSlots(
+    const std::vector<std::pair<long long, long long>>& fileMetadata, long long dataEndBytes,
+    long long zeroedGrainEntry) {
+    slotGuard = kz::makeP<CVMDKGrainSlotGuard>(grainSizeSectors, compressed, zeroedGrainEntry,
+                                               dataEndBytes);
+    for (const auto& [start, end] : fileMetadata) {
+        slotGuard->addMetadata(start, end - start);
+    }
+    // With markers, each directory and table has one in the sector in front of it.
+    const long long marker = compressed ? 1 : 0;
+    const long long directoryLength = sectorsForEntries(grainTableCount, kDirectoryEntrySizeBytes);
+    slotGuard->addMetadata(posSectors - marker, directoryLength + marker);
+    if (redundantPosSectors > 0) {
+        slotGuard->addMetadata(redundantPosSectors - marker, directoryLength + marker);
+    }
+    const long long tableLength = sectorsForEntries(grainsPerTable, kGrainTableEntrySizeBytes);
+    slotGuard->addTables(directory, marker, tableLength);
+    slotGuard->addTables(redundantDirectory, marker, tableLength);
+    if (slotDirectoryPosSectors > 0) {
+        // The slot directory and its tables always stand behind markers.
+        slotGuard->addMetadata(slotDirectoryPosSectors - 1, directoryLength + 1);
+        slotGuard->addTables(slotDirectory, 1,
+                             sectorsForEntries(grainsPerTable, kSlotSizeEntrySizeBytes));
+    }
 }
 
 void CVMDKGrainDirectory::flushChangesToStream() {
-    grainTableCache->flushCachedTablesFromDirectoryToStream(this);
+    // Positions first and durable, slot sizes after them: a slot size that reached the file
+    // without its position would make the old slot look larger than it is.
+    bool slotSizesDirty = false;
+    grainTableCache->visitCachedTablesFromDirectory(this, [&](CVMDKGrainTable& table) {
+        slotSizesDirty = slotSizesDirty || table.hasUnflushedSlotSizes();
+        table.flushEntriesToStream();
+    });
+    if (!slotSizesDirty) {
+        return;
+    }
+    stream->flush();
+    grainTableCache->visitCachedTablesFromDirectory(
+        this, [](CVMDKGrainTable& table) { table.flushSlotSizesToStream(); });
 }
 
 }  // namespace harl

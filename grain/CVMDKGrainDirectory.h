@@ -5,8 +5,12 @@
 #include "harl/foundation/kz/P.h"
 #include "harl/foundation/kz/TBuffer.h"
 
+#include <utility>
+#include <vector>
+
 namespace harl {
 
+class CVMDKGrainSlotGuard;
 class CVMDKGrainTable;
 class CVMDKGrainTableCache;
 
@@ -49,7 +53,9 @@ class CVMDKGrainTableCache;
 // Counts and positions come from a header that another writer may have made: the geometry is
 // checked before it divides anything, and a directory that cannot fit between its position and
 // the end of the file fails before its buffer is sized. A directory entry is read as it stands;
-// one that points past the end fails when that table is read, with the stream's own error.
+// one that points past the end fails when that table is read, with the stream's own error. The
+// entries of a table are checked as it is read once the owner has said where the rest of the
+// file's metadata and the end of its data lie (checkSlots).
 //
 // Every operation that touches the file seeks first; the stream's position is shared with the
 // tables, the allocator and the grain of the extent. Not thread-safe.
@@ -96,8 +102,23 @@ public:
     // The change stays in the cached table until it is flushed or evicted.
     void setGrainInfo(long long grainIndex, long long posSectors, long long slotSizeSectors);
 
-    // Flushes the cached tables of this directory, in ascending table index.
+    // Flushes the cached tables of this directory, in ascending table index: the grain tables,
+    // then, if slot sizes changed, a flush of the stream and the slot-size tables, so that a
+    // slot size never reaches the file before its position.
     void flushChangesToStream();
+
+    // From now on each table read from the file is checked before it is used: an entry whose
+    // slot reaches into metadata (this directory's own structures, the tables and
+    // `fileMetadata`, ranges of [start, end) sectors), past `dataEndBytes`, or into another
+    // slot of its table is refused with kz::CIOError code 5 (CVMDKGrainSlotGuard). New slots
+    // recorded through setGrainInfo move the end of the data. `zeroedGrainEntry` is the entry
+    // that marks a zeroed grain, 0 for none. Call it before the first look-up.
+    void checkSlots(const std::vector<std::pair<long long, long long>>& fileMetadata,
+                    long long dataEndBytes, long long zeroedGrainEntry);
+
+    // Where the file's known claims end, in sectors (CVMDKGrainSlotGuard::getClaimedEndSectors);
+    // 0 before checkSlots.
+    long long getClaimedEndSectors() const;
 
     // True when the file has a slot directory of the right length.
     bool getHaveSlotSizeInfo() const { return slotDirectory.getUsed() > 0; }
@@ -127,6 +148,10 @@ private:
     void readDirectories();
     long long findSlotDirectoryMarkerSector() const;
     void findSlotDirectory();
+    // Reads one table and checks its entries; throws what the table and the stream throw.
+    kz::P<CVMDKGrainTable> readTable(long long tableIndex);
+    // True when the table and its slot-size table lie within the file.
+    bool tableFitsInFile(long long tableIndex);
     kz::P<CVMDKGrainTable> readTableBatch(long long tableIndex);
     kz::String getURIText();
 
@@ -145,6 +170,8 @@ private:
     kz::TBuffer<unsigned int> redundantDirectory;
     kz::TBuffer<unsigned int> slotDirectory;
     long long capacitySectors;
+    // Null until checkSlots.
+    kz::P<CVMDKGrainSlotGuard> slotGuard;
 };
 
 }  // namespace harl

@@ -39,7 +39,7 @@ CVMDKGrainTable::CVMDKGrainTable(kz::IIOStream* stream, kz::IIOStream::Access ac
 
 CVMDKGrainTable::~CVMDKGrainTable() {
     try {
-        flushChangesToStream();
+        flushDurablyToStream();
     } catch (const std::exception& error) {
         kz::onExceptionInDestructorIgnored("harl::CVMDKGrainTable", error, true);
     }
@@ -94,6 +94,9 @@ void CVMDKGrainTable::getGrainInfo(long long grainIndex, long long& posSectors,
                                    long long& slotSizeSectors) {
     checkGrainIndex("CVMDKGrainTable::getGrainInfo", grainIndex);
     const size_t index = static_cast<size_t>(grainIndex);
+    if (!problems.empty() && problems[index] != CVMDKGrainSlotGuard::None) {
+        throwRefused(grainIndex);
+    }
     posSectors = entries[index];
     if (posSectors == 0) {
         slotSizeSectors = 0;
@@ -132,6 +135,9 @@ void CVMDKGrainTable::setGrainInfo(long long grainIndex, long long posSectors,
     }
     checkEntryWidths(posSectors, tracking ? slotSizeSectors : 0);
     const size_t index = static_cast<size_t>(grainIndex);
+    if (!problems.empty()) {
+        problems[index] = CVMDKGrainSlotGuard::None;
+    }
     if (static_cast<long long>(entries[index]) != posSectors) {
         entries[index] = static_cast<unsigned int>(posSectors);
         entriesDirty = true;
@@ -142,7 +148,42 @@ void CVMDKGrainTable::setGrainInfo(long long grainIndex, long long posSectors,
     }
 }
 
+void CVMDKGrainTable::refuseBadEntries(CVMDKGrainSlotGuard& guard) {
+    guard.checkTable(entries.getData(),
+                     getSlotSizeTrackingEnabled() ? slotSizes.getData() : nullptr, grainCount,
+                     problems);
+}
+
+void CVMDKGrainTable::throwRefused(long long grainIndex) {
+    const size_t index = static_cast<size_t>(grainIndex);
+    throw kz::CIOError(kz::CIOError::CorruptFormat, CVMDKGrainSlotGuard::describe(problems[index]),
+                       kz::CProps()
+                           .add("uri", getURIText())
+                           .add("tablePosSectors", posSectors)
+                           .add("grainIndex", grainIndex)
+                           .add("posSectors", static_cast<long long>(entries[index]))
+                           .add("slotSizeSectors", getSlotSizeTrackingEnabled()
+                                                       ? static_cast<long long>(slotSizes[index])
+                                                       : grainSizeSectors));
+}
+
 void CVMDKGrainTable::flushChangesToStream() {
+    flushEntriesToStream();
+    flushSlotSizesToStream();
+}
+
+void CVMDKGrainTable::flushDurablyToStream() {
+    if (entriesDirty) {
+        stream->flush();
+        flushEntriesToStream();
+    }
+    if (slotSizesDirty) {
+        stream->flush();
+        flushSlotSizesToStream();
+    }
+}
+
+void CVMDKGrainTable::flushEntriesToStream() {
     if (entriesDirty) {
         writeVMDKEntries(*stream, posSectors, entries);
         if (redundantPosSectors > 0) {
@@ -150,6 +191,9 @@ void CVMDKGrainTable::flushChangesToStream() {
         }
         entriesDirty = false;
     }
+}
+
+void CVMDKGrainTable::flushSlotSizesToStream() {
     if (slotSizesDirty) {
         writeVMDKEntries(*stream, slotSizeTablePosSectors, slotSizes);
         slotSizesDirty = false;

@@ -4,6 +4,9 @@
 #include "harl/foundation/kz/IIOStream.h"
 #include "harl/foundation/kz/P.h"
 #include "harl/foundation/kz/TBuffer.h"
+#include "harl/grain/CVMDKGrainSlotGuard.h"
+
+#include <vector>
 
 namespace harl {
 
@@ -22,12 +25,13 @@ namespace harl {
 // | x 512, when that value is above 0          |                |                              |
 //
 // Grain table entry: the sector in the extent file of the grain's first byte. 0 means that the
-// grain has no place in this extent (unallocated); every other value, 1 included, is a
-// position. Slot-size table entry: the length in sectors of the slot, the run of sectors that
-// belongs to the grain; it means something only beside a grain table entry that is not 0, and a
-// new slot-size table holds zeros. So a grain lies below sector 2^32 and a slot is shorter than
-// 2^16 sectors; the file size and the grain size keep callers within that, and setGrainInfo
-// refuses a value that would not fit rather than cut it.
+// grain has no place in this extent (unallocated); every other value is a position, 1 included
+// unless the header's flag bit 2 makes it the mark of a grain written as zeros
+// (kVMDKZeroedGrainEntry; the extent tells). Slot-size table entry: the length in sectors of the
+// slot, the run of sectors that belongs to the grain; it means something only beside a grain table
+// entry that is not 0, and a new slot-size table holds zeros. So a grain lies below sector 2^32 and
+// a slot is shorter than 2^16 sectors; the file size and the grain size keep callers within that,
+// and setGrainInfo refuses a value that would not fit rather than cut it.
 //
 // The slot-size table is this library's own addition: a compressed grain takes a varying number
 // of sectors, so the position alone does not say how much room the grain has. Slot-size
@@ -39,6 +43,9 @@ namespace harl {
 //
 // Every operation that touches the file seeks first and leaves the shared stream's position
 // somewhere else. Not thread-safe.
+// The entry that marks a grain written as zeros in a file whose header has flag bit 2.
+constexpr long long kVMDKZeroedGrainEntry = 1;
+
 class CVMDKGrainTable : public kz::CBase {
 public:
     // The largest grainCount a table accepts. Every known writer uses 512; the ceiling keeps a
@@ -58,13 +65,13 @@ public:
                     long long posSectors, long long redundantPosSectors,
                     long long slotSizeTablePosSectors, int grainCount);
 
-    // Writes what is dirty; a failure goes to kz::onExceptionInDestructorIgnored and the
-    // changes that could not be written are lost.
+    // Writes what is dirty (flushDurablyToStream). A failure goes to
+    // kz::onExceptionInDestructorIgnored and the changes that could not be written are lost.
     ~CVMDKGrainTable() override;
 
     // The grain's position (0: unallocated) and slot length: 0 for an unallocated grain, the
     // slot-size entry with tracking, else the grain size. A bad index throws
-    // kz::CInvalidArgError.
+    // kz::CInvalidArgError; an entry that refuseBadEntries refused throws kz::CIOError code 5.
     void getGrainInfo(long long grainIndex, long long& posSectors, long long& slotSizeSectors);
 
     // Records a grain's position and slot length. Checks, in this order, before anything
@@ -81,6 +88,25 @@ public:
     // neither the file nor the stream's position.
     void flushChangesToStream();
 
+    // The two halves of flushChangesToStream: the grain table with its redundant copy, and the
+    // slot-size table. A slot-size entry must not become durable before the position it goes
+    // with, or a rewrite in place could take the old slot for a larger one; so a flush of
+    // many tables writes the first halves, flushes the stream, then writes the second halves.
+    void flushEntriesToStream();
+    void flushSlotSizesToStream();
+
+    bool hasUnflushedSlotSizes() const { return slotSizesDirty; }
+
+    // Writes what is dirty outside a flush of the extent, as when the cache evicts the table:
+    // first a flush of the stream, so that the grains that new entries point at are durable
+    // before them, then the grain table, and with dirty slot sizes another flush and the
+    // slot-size table. Throws what the stream throws; what was not written stays dirty.
+    void flushDurablyToStream();
+
+    // Checks every entry with `guard`; an entry that fails is refused from now on, until
+    // setGrainInfo gives the grain a new place. The entries themselves stay as they are.
+    void refuseBadEntries(CVMDKGrainSlotGuard& guard);
+
     bool hasUnflushedChanges() const { return entriesDirty || slotSizesDirty; }
 
     bool getSlotSizeTrackingEnabled() const { return slotSizes.getUsed() > 0; }
@@ -89,6 +115,7 @@ private:
     void checkGrainIndex(const char* where, long long grainIndex);
     void checkEntryWidths(long long posSectors, long long slotSizeSectors);
     void checkRedundantTableInFile();
+    [[noreturn]] void throwRefused(long long grainIndex);
     kz::String getURIText();
 
     kz::P<kz::IIOStream> stream;
@@ -102,6 +129,8 @@ private:
     bool entriesDirty = false;
     kz::TBuffer<unsigned short> slotSizes;
     bool slotSizesDirty = false;
+    // Empty when no entry is refused, else the problem of each entry.
+    std::vector<CVMDKGrainSlotGuard::Problem> problems;
 };
 
 }  // namespace harl

@@ -32,6 +32,15 @@ bool CVMDKGrainTableCache::hasCachedTable(CVMDKGrainDirectory* directory,
 
 void CVMDKGrainTableCache::setCachedTable(CVMDKGrainDirectory* directory, long long tableIndex,
                                           CVMDKGrainTable* table) {
+    // A dirty table about to be evicted is written here, where a failure reaches the caller;
+    // written by its destructor, the failure could only be logged and the changes lost.
+    if (cache->getAutoEnforceLimit() && cache->getCount() >= cache->getLimit() &&
+        !cache->contains({directory, tableIndex})) {
+        const kz::P<CVMDKGrainTable> victim = cache->getLeastRecentlyUsed();
+        if (victim && victim->hasUnflushedChanges()) {
+            victim->flushDurablyToStream();
+        }
+    }
     cache->set({directory, tableIndex}, table);
 }
 
@@ -44,10 +53,16 @@ void CVMDKGrainTableCache::setAutoEnforceLimit(bool autoEnforce) {
 }
 
 void CVMDKGrainTableCache::flushCachedTablesFromDirectoryToStream(CVMDKGrainDirectory* directory) {
+    visitCachedTablesFromDirectory(directory,
+                                   [](CVMDKGrainTable& table) { table.flushChangesToStream(); });
+}
+
+void CVMDKGrainTableCache::visitCachedTablesFromDirectory(
+    CVMDKGrainDirectory* directory, const std::function<void(CVMDKGrainTable&)>& visit) {
     // The keys of one directory form one run of the map, so the walk visits only that run.
     Cache::CEnum walk(*cache, firstKeyOf(directory));
     while (walk.next() && walk.getKey().directory == directory) {
-        walk.getValue()->flushChangesToStream();
+        visit(*walk.getValue());
     }
 }
 

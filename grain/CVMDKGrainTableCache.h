@@ -5,6 +5,7 @@
 #include "harl/foundation/kz/TMostRecentlyUsedCache.h"
 
 #include <cstdint>
+#include <functional>
 
 namespace harl {
 
@@ -15,12 +16,12 @@ class CVMDKGrainTable;
 // serves every extent of a disk (and the parent disk opened through it), so its key names the
 // directory, by identity, as well as the table.
 //
-// The cache is where a table's life ends: when the cache drops the last reference, the table's
-// destructor writes its changes (CVMDKGrainTable). So the limit is also the rule for when dirty
-// tables reach the file between flushes; with automatic enforcement off the cache grows and no
-// table is written until a flush. Eviction does not look at whether a table is dirty, and a
-// write that fails there goes to kz::onExceptionInDestructorIgnored, not to the code that caused
-// the eviction.
+// The cache is where a table's life ends. So the limit is also the rule for when dirty tables
+// reach the file between flushes: an insertion that evicts a dirty table writes it first, and a
+// failure goes to the code that caused the eviction. With automatic enforcement off the cache
+// grows and no table is written until a flush. Where a table is dropped otherwise (clear,
+// remove, switching enforcement back on), its destructor writes it, and a failure there goes to
+// kz::onExceptionInDestructorIgnored.
 //
 // Copies share one underlying cache: a copy is the same cache under a second name. Not
 // thread-safe; a disk and the disks that share its cache use it one call at a time.
@@ -61,8 +62,10 @@ public:
     bool hasCachedTable(CVMDKGrainDirectory* directory, long long tableIndex) const;
 
     // Stores a table as the most recently used. A new key enforces the limit (automatic
-    // enforcement on), which may evict and so write other tables; replacing the table of a
-    // cached key evicts nothing.
+    // enforcement on), which may evict other tables; a dirty table that would be evicted is
+    // first written (CVMDKGrainTable::flushDurablyToStream), and if that throws, nothing
+    // changes and the error goes to the caller. Replacing the table of a cached key evicts
+    // nothing.
     void setCachedTable(CVMDKGrainDirectory* directory, long long tableIndex,
                         CVMDKGrainTable* table);
 
@@ -76,6 +79,11 @@ public:
     // the order of use does not change. A stream error passes through and leaves the tables
     // behind the failing one unflushed.
     void flushCachedTablesFromDirectoryToStream(CVMDKGrainDirectory* directory);
+
+    // Calls `visit` for every cached table of `directory`, in ascending table index; the order
+    // of use does not change. `visit` must not change the cache.
+    void visitCachedTablesFromDirectory(CVMDKGrainDirectory* directory,
+                                        const std::function<void(CVMDKGrainTable&)>& visit);
 
     // Drops every table of `directory` without asking for a flush; a dirty table that loses its
     // last reference here still writes itself.

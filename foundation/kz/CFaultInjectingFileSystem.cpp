@@ -12,22 +12,44 @@ CFaultInjectingFileSystem::CFaultInjectingFileSystem(IFileSystem* inner) : inner
     }
 }
 
-void CFaultInjectingFileSystem::failOperation(int n, bool sticky) {
+void CFaultInjectingFileSystem::failOperation(long long n, Fault fault) {
     failAt = n > 0 ? operationCount + n : 0;
-    this->sticky = sticky;
+    this->fault = fault;
     failed = false;
 }
 
-void CFaultInjectingFileSystem::countOperation(const CURI& uri) {
+bool CFaultInjectingFileSystem::failsNow() {
     ++operationCount;
-    if (failAt == 0 || operationCount < failAt || (operationCount > failAt && !sticky)) {
-        return;
+    if (failAt == 0 || operationCount < failAt ||
+        (operationCount > failAt && fault != Fault::Die)) {
+        return false;
     }
     failed = true;
+    return true;
+}
+
+void CFaultInjectingFileSystem::throwInjectedFault(const CURI& uri) {
     throw CFileSystemError(
         CFileSystemError::Other,
         CError("Injected fault", String(), -1,
                CProps().add("uri", uri.toString(true)).add("operation", operationCount)));
+}
+
+void CFaultInjectingFileSystem::countOperation(const CURI& uri) {
+    if (failsNow()) {
+        throwInjectedFault(uri);
+    }
+}
+
+int CFaultInjectingFileSystem::countWrite(const CURI& uri, int size) {
+    if (!failsNow()) {
+        return size;
+    }
+    // Only the operation that the fault names is torn; a dead process writes nothing more.
+    if (fault == Fault::TornWrite && operationCount == failAt) {
+        return size / 2;
+    }
+    throwInjectedFault(uri);
 }
 
 P<IIOStream> CFaultInjectingFileSystem::open(const CURI& uri, IIOStream::Access access, int flags) {

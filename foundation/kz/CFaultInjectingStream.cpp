@@ -2,6 +2,8 @@
 
 #include "harl/foundation/kz/IWriteBarrier.h"
 
+#include <climits>
+
 namespace kz {
 
 CFaultInjectingStream::CFaultInjectingStream(IIOStream* inner, CFaultInjectingFileSystem* owner)
@@ -24,14 +26,25 @@ int CFaultInjectingStream::readAvailable(void* data, int size) {
 }
 
 void CFaultInjectingStream::write(const void* data, int size, IWriteBarrier* barrier) {
-    owner->countOperation(inner->getURI());
-    inner->write(data, size, barrier);
+    const int stored = owner->countWrite(inner->getURI(), size);
+    inner->write(data, stored, barrier);
+    if (stored < size) {
+        owner->throwInjectedFault(inner->getURI());
+    }
 }
 
 void CFaultInjectingStream::writeKeepBuffer(const TConstBufferSlice<unsigned char>& slice,
                                             IWriteBarrier* barrier) {
-    owner->countOperation(inner->getURI());
-    inner->writeKeepBuffer(slice, barrier);
+    const int size = slice.getLength() > static_cast<size_t>(INT_MAX)
+                         ? INT_MAX
+                         : static_cast<int>(slice.getLength());
+    const int stored = owner->countWrite(inner->getURI(), size);
+    if (stored == size) {
+        inner->writeKeepBuffer(slice, barrier);
+        return;
+    }
+    inner->write(slice.getData(), stored, barrier);
+    owner->throwInjectedFault(inner->getURI());
 }
 
 P<IWriteBarrier> CFaultInjectingStream::createWriteBarrier() {

@@ -7,7 +7,8 @@
 namespace kz {
 
 // A stream of CFaultInjectingFileSystem: passes every call to the wrapped stream, after
-// counting the operations the file system counts, which may fail instead.
+// counting the operations the file system counts, which may fail instead or, for a write,
+// store part of the bytes and then fail.
 class CFaultInjectingStream : public CBase, public IIOStream {
 public:
     CFaultInjectingStream(IIOStream* inner, CFaultInjectingFileSystem* owner);

@@ -5,23 +5,55 @@
 
 namespace kz {
 
-void CMemoryFile::resize(long long length) {
+void CMemoryFile::apply(const CChange& change) {
+    const long long end = change.length >= 0
+                              ? change.length
+                              : change.position + static_cast<long long>(change.bytes.size());
     const size_t oldLength = content.getUsed();
-    const size_t newLength = static_cast<size_t>(length);
-    content.setUsed(newLength);
-    if (newLength > oldLength) {
-        std::memset(content.getData() + oldLength, 0, newLength - oldLength);
+    if (change.length >= 0 || static_cast<size_t>(end) > oldLength) {
+        content.setUsed(static_cast<size_t>(end));
+        if (static_cast<size_t>(end) > oldLength) {
+            std::memset(content.getData() + oldLength, 0, static_cast<size_t>(end) - oldLength);
+        }
+    }
+    if (!change.bytes.empty()) {
+        std::memcpy(content.getData() + change.position, change.bytes.data(), change.bytes.size());
+    }
+}
+
+void CMemoryFile::resize(long long length) {
+    CChange change{0, length, {}};
+    apply(change);
+    if (keepFlushedImage) {
+        unflushedChanges.push_back(std::move(change));
+    }
+}
+
+void CMemoryFile::write(long long position, const void* data, int size) {
+    const auto* bytes = static_cast<const unsigned char*>(data);
+    CChange change{position, -1, std::vector<unsigned char>(bytes, bytes + size)};
+    apply(change);
+    if (keepFlushedImage) {
+        unflushedChanges.push_back(std::move(change));
     }
 }
 
 void CMemoryFile::markFlushed() {
     if (keepFlushedImage) {
         flushed.assign(content.getData(), content.getUsed());
+        unflushedChanges.clear();
     }
 }
 
-void CMemoryFile::revertToFlushed() {
+void CMemoryFile::revertToFlushed(const std::function<bool(size_t)>& keep) {
     content.assign(flushed.getData(), flushed.getUsed());
+    for (size_t i = 0; keep && i < unflushedChanges.size(); ++i) {
+        if (keep(i)) {
+            apply(unflushedChanges[i]);
+        }
+    }
+    unflushedChanges.clear();
+    markFlushed();
     locks.clear();
 }
 

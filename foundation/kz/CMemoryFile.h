@@ -4,6 +4,7 @@
 #include "harl/foundation/kz/IStreamBase.h"
 #include "harl/foundation/kz/TBuffer.h"
 
+#include <functional>
 #include <vector>
 
 namespace kz {
@@ -31,12 +32,18 @@ public:
 
     // Sets the length; new bytes are zeros. The caller checks against kMaxLengthBytes.
     void resize(long long length);
+    // Stores `size` bytes at `position`, growing the file as needed. The caller checks the end
+    // against kMaxLengthBytes.
+    void write(long long position, const void* data, int size);
 
     // What the storage holds now becomes the durable image.
     void markFlushed();
     // A power cut: the content falls back to the durable image, and every lock goes with
-    // the processes that held them.
-    void revertToFlushed();
+    // the processes that held them. `keep` tells, for each write and length change since the
+    // last flush (numbered from 0 in their order), whether the storage had made it durable
+    // all the same; those are applied again in their order, as a medium that reorders writes
+    // between flushes may leave them. Null keeps none.
+    void revertToFlushed(const std::function<bool(size_t)>& keep = nullptr);
 
     // Takes, changes or drops (Unlock) `owner`'s lock on [position, position + length),
     // length 0 reaching to any end. False, with nothing changed, on a conflict.
@@ -51,8 +58,19 @@ private:
         bool exclusive;
     };
 
+    // A write (`length` -1) or a length change (`bytes` empty) since the last flush.
+    struct CChange {
+        long long position;
+        long long length;
+        std::vector<unsigned char> bytes;
+    };
+
+    void apply(const CChange& change);
+
     TBuffer<unsigned char> content;
     TBuffer<unsigned char> flushed;
+    // Kept only with the flushed image.
+    std::vector<CChange> unflushedChanges;
     bool keepFlushedImage;
     std::vector<CLock> locks;
 };

@@ -37,12 +37,8 @@ int CMemoryFileStream::doRead(long long position, void* data, int size) {
 }
 
 void CMemoryFileStream::doWrite(long long position, const void* data, int size) {
-    const long long end = position + size;
-    checkLength(end);
-    if (end > file->getLength()) {
-        file->resize(end);
-    }
-    std::memcpy(file->getContent().getData() + position, data, static_cast<size_t>(size));
+    checkLength(position + size);
+    file->write(position, data, size);
 }
 
 long long CMemoryFileStream::doGetLength() {

@@ -4,6 +4,8 @@
 #include "harl/foundation/kz/CInvalidArgError.h"
 #include "harl/foundation/kz/CMemoryFileStream.h"
 
+#include <random>
+
 namespace kz {
 
 namespace {
@@ -82,6 +84,18 @@ void CMemoryFileSystem::dropUnflushedWrites() {
     }
     for (auto& entry : files) {
         entry.second->revertToFlushed();
+    }
+}
+
+void CMemoryFileSystem::cutPower(unsigned seed) {
+    if (!keepFlushedImages) {
+        throw CError(
+            "Internal error: CMemoryFileSystem::cutPower needs a file system made with "
+            "keepFlushedImages");
+    }
+    std::mt19937 random(seed);
+    for (auto& entry : files) {
+        entry.second->revertToFlushed([&random](size_t) { return random() % 2 == 0; });
     }
 }
 

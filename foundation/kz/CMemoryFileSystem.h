@@ -11,7 +11,8 @@ namespace kz {
 // of any scheme; streams are CMemoryFileStream and share their file's bytes and locks.
 //
 // Power cuts: made with `keepFlushedImages`, each file keeps the image of its last flush and
-// dropUnflushedWrites() reverts every file to it, as a machine that lost its power would.
+// dropUnflushedWrites() reverts every file to it, as a machine that lost its power would;
+// cutPower() keeps some of the writes since, as a medium that reorders them would.
 // A file that was created and never flushed comes back empty; a deletion is durable at once.
 // Tests drop the streams of the "crashed" process before they reopen.
 //
@@ -29,6 +30,11 @@ public:
     P<CMemoryFile> getFile(const CURI& uri) const;
 
     void dropUnflushedWrites();
+
+    // A power cut on a medium that reorders writes between flushes: each write and length
+    // change since a file's last flush is kept or dropped by a draw from `seed`, and the kept
+    // ones are applied to the flushed image in their order.
+    void cutPower(unsigned seed);
 
     void setReadOnly(bool readOnly) { this->readOnly = readOnly; }
 

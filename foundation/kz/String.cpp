@@ -14,13 +14,27 @@ bool isBlank(wxUniChar c) {
 
 namespace {
 
+// wxString::FromUTF8 answers most invalid input with an empty string, but lets sequences
+// through that decode to no Unicode character (above U+10FFFF, or a surrogate); text that
+// holds one cannot be encoded again, so it is refused as the rest is.
+wxString decodeUTF8(const char* data, size_t length) {
+    wxString text = wxString::FromUTF8(data, length);
+    for (const wxUniChar c : text) {
+        const wxUint32 code = c.GetValue();
+        if (code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) {
+            return wxString();
+        }
+    }
+    return text;
+}
+
 // Text from a literal or an exception's what() must never fail to convert: bytes that are
 // not UTF-8 are taken one byte to one character.
 String lenientFromUTF8(const char* data, size_t length) {
     if (length == 0) {
         return String();
     }
-    const wxString text = wxString::FromUTF8(data, length);
+    const wxString text = decodeUTF8(data, length);
     return text.empty() ? String::fromLatin1(data, length) : String(text);
 }
 
@@ -41,8 +55,7 @@ String String::fromUTF8(const void* data, size_t length) {
     if (length == 0) {
         return result;
     }
-    result.text = wxString::FromUTF8(static_cast<const char*>(data), length);
-    // wxString::FromUTF8 answers invalid input with an empty string.
+    result.text = decodeUTF8(static_cast<const char*>(data), length);
     if (result.text.empty()) {
         throw CError("Invalid UTF-8 text.");
     }

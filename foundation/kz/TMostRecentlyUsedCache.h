@@ -104,6 +104,12 @@ public:
     // True when `key` is cached. Does not change the order of use.
     bool contains(const Key& key) const { return entries.find(key) != entries.end(); }
 
+    // The value that the next eviction would drop, or null for an empty cache. Does not change
+    // the order of use.
+    P<Value> getLeastRecentlyUsed() const {
+        return useOrder.empty() ? P<Value>() : useOrder.back().value;
+    }
+
     // Stores `value` under `key` as the most recently used. A new key enforces the limit when
     // automatic enforcement is on (and may thereby drop the new entry itself, if the limit is
     // 0); replacing the value of a cached key never evicts anything.

@@ -333,3 +333,25 @@ TEST_F(CVMDKDiskCreateTest, OnDemandCreateRemovesStaleExtentFiles) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(CVMDKDiskCloseTest, ReportsWhatTheDestructorCouldOnlyLog) {
+    kz::P<kz::CMemoryFileSystem> fs(new kz::CMemoryFileSystem);
+    kz::P<kz::CFaultInjectingFileSystem> faulty(new kz::CFaultInjectingFileSystem(fs.get()));
+    CModel model{Bytes(8 * kMiB, 0)};
+    auto disk = CVMDKDisk::create(faulty.get(), at("disk.vmdk"), 0, "", true, 1, -1, "",
+                                  0xFFFFFFFF, false);
+    model.write(*disk, 5 * kGrain + 3, harltest::makeTextLikeData(100000, 8));
+    faulty->failOperation(1, false);
+    EXPECT_NE(harltest::errorText([&] { disk->close(); }).find("Injected fault"),
+              std::string::npos);
+    disk->close();  // tried again, and done
+    disk->close();
+    model.expectEqual(*disk);  // the disk opens its extent again
+    disk = nullptr;
+    model.expectEqual(
+        *kz::makeP<CVMDKDisk>(fs.get(), at("disk.vmdk"), kRead, "", 1, nullptr, nullptr));
+}
+
+}  // namespace

@@ -2,6 +2,7 @@
 #include "harl/foundation/kz/CFileSystemError.h"
 #include "harl/foundation/kz/CMemoryFileSystem.h"
 #include "harl/foundation/kz/COptimizingIOStream.h"
+#include "harl/foundation/kz/TConstBufferSlice.h"
 
 #include "tests/support/CLogCapture.h"
 #include <gtest/gtest.h>
@@ -24,6 +25,42 @@ TEST(CFaultInjectingFileSystemTest, FailsTheNamedOperationOnce) {
     EXPECT_EQ(stream->getLength(), 0);  // the failed write never reached the file
     stream->write("ab", 2, nullptr);
     EXPECT_EQ(fs->getOperationCount(), 3);
+}
+
+// What each kind of fault leaves in the file and whether the process goes on.
+TEST(CFaultInjectingFileSystemTest, FailsTearsOrDies) {
+    using Fault = kz::CFaultInjectingFileSystem::Fault;
+
+    const struct {
+        Fault fault;
+        bool keepBuffer;
+        const char* content;
+    } cases[] = {{Fault::Fail, false, "ab"},
+                 {Fault::TornWrite, false, "abcde"},
+                 {Fault::TornWrite, true, "abcde"},
+                 {Fault::Die, false, "ab"}};
+
+    for (const auto& c : cases) {
+        P<kz::CMemoryFileSystem> memory(new kz::CMemoryFileSystem);
+        P<kz::CFaultInjectingFileSystem> fs(new kz::CFaultInjectingFileSystem(memory.get()));
+        P<IIOStream> stream = fs->open(kFile, IIOStream::AccessReadWrite, 0);
+        stream->write("ab", 2, nullptr);
+        fs->failOperation(1, c.fault);
+        const kz::TConstBufferSlice<unsigned char> bytes(
+            reinterpret_cast<const unsigned char*>("cdefgh"), 7);
+        EXPECT_THROW(c.keepBuffer ? stream->writeKeepBuffer(bytes, nullptr)
+                                  : stream->write("cdefgh", 7, nullptr),
+                     kz::CFileSystemError);
+        EXPECT_TRUE(fs->hasFailed());
+        const bool dead = c.fault == Fault::Die;
+        if (dead) {
+            EXPECT_THROW(stream->flush(), kz::CFileSystemError);
+        } else {
+            stream->flush();
+        }
+        auto& content = memory->getFile(kFile)->getContent();
+        EXPECT_EQ(std::string(content.getData(), content.getData() + content.getUsed()), c.content);
+    }
 }
 
 // The pattern of the fault tests: fail each operation of a write path in turn, for good, as a

@@ -15,8 +15,13 @@ TEST(StringTest, DecodesUTF8AndLatin1) {
     const unsigned char latin1[] = {'g', 'r', 0xfc, 0xdf};
     EXPECT_EQ(kz::String::fromLatin1(latin1, 4), text);
 
-    const unsigned char invalid[] = {'a', 0xff, 'b'};
-    EXPECT_THROW(kz::String::fromUTF8(invalid, 3), kz::CError);
+    // Bytes that are no UTF-8, and sequences of no Unicode character (above U+10FFFF: found by
+    // fuzzing file references; a surrogate).
+    for (const std::string invalid : {"a\xff"
+                                      "b",
+                                      "\\\xf4\x9f\x8a\xa5", "\xed\xa0\x80"}) {
+        EXPECT_THROW(kz::String::fromUTF8(invalid.data(), invalid.size()), kz::CError) << invalid;
+    }
     // Construction from a C string never throws: bad bytes read as Latin-1.
     EXPECT_EQ(kz::String("a\xff").getLength(), 2u);
 }

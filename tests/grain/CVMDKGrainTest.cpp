@@ -361,9 +361,6 @@ TEST_F(CVMDKGrainFixture, PreparedGrainsMoveBetweenExtentsWithOtherKeys) {
 TEST_F(CVMDKGrainFixture, ErrorsCarryTheirTextsAndProperties) {
     kz::P<CVMDKGrain> grain = makeGrain(extent, {true, true});
     const std::string uri = "[uri=file:///d/grain.vmdk";
-    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { grain->open(0, 0, 3, 0); }),
-              "-1 CVMDKGrain::open: Invalid slot size for allocated compressed grain: 0 sectors");
-    EXPECT_FALSE(grain->isOpen());
     grain->open(0, 6, 0, 0);
     Bytes bytes(kGrainBytes + 1);
     EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { grain->seek(kGrainBytes); }),
