@@ -81,7 +81,8 @@ public:
 
     void finish() {
         if (disk) {
-            disk->flushChanges();
+            // Close reports what the destructor could only log.
+            disk->close();
         } else {
             raw->setLength(sizeBytes);
             raw->flush();
