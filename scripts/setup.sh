@@ -9,6 +9,7 @@ packages=(
     libwxgtk3.2-dev zlib1g-dev libdeflate-dev libssl-dev
     clang libclang-rt-dev
     qemu-utils
+    python3
 )
 
 missing=()
