@@ -251,9 +251,10 @@ def collect_paths(names):
     return relative
 
 
-def test_programs(layer, own_layer_only):
-    """The test programs that link a file of `layer`: its own and those of the layers above."""
-    chosen = [layer] if own_layer_only else LAYERS[LAYERS.index(layer):]
+def test_programs(layer, up_to):
+    """The test programs that link a file of `layer`: its own and those of the layers above it,
+    up to and including `up_to`."""
+    chosen = LAYERS[LAYERS.index(layer):max(LAYERS.index(layer), LAYERS.index(up_to)) + 1]
     return [f"test_{l}" for l in chosen if any((ROOT / "tests" / l).glob("*.cpp"))]
 
 
@@ -331,27 +332,69 @@ def build(build_dir, targets, jobs):
                      ROOT, 1800)
 
 
-def run_tests(build_dir, programs, timeouts):
-    """None when every program passes, else what stopped it."""
+def test_name(failed):
+    """"Prefix/Suite.Name/3" -> "Suite.Name"."""
+    suite, _, name = failed.partition(".")
+    return suite.split("/")[-1] + "." + name.split("/")[0]
+
+
+def run_tests(build_dir, programs, timeouts, every_test=False):
+    """The tests that failed (or "<program> hung" / "<program> exit <code>"); empty when every
+    program passed. Stops at the first failure unless `every_test`."""
+    stopped = []
     for program in programs:
-        code, output = run_quiet([str(build_dir / "tests" / program), "--gtest_filter=" +
-                                  PEER_FILTER, "--gtest_fail_fast", "--gtest_brief=1"],
-                                 build_dir / "tests", timeouts.get(program, 600))
+        command = [str(build_dir / "tests" / program), "--gtest_filter=" + PEER_FILTER,
+                   "--gtest_brief=1"]
+        if not every_test:
+            command.append("--gtest_fail_fast")
+        code, output = run_quiet(command, build_dir / "tests", timeouts.get(program, 600))
         if code == "timeout":
-            return f"{program} hung"
-        if code != 0:
-            failed = re.search(r"\[  FAILED  \] (\S+)", output)
-            if failed:
-                return failed.group(1)
-            return f"{program} exit {code}"
-    return None
+            stopped.append(f"{program} hung")
+        elif code != 0:
+            failed = sorted({test_name(name) for name in
+                             re.findall(r"^\[  FAILED  \] ([\w/]+\.[\w/]+)", output, re.M)})
+            stopped.extend(failed or [f"{program} exit {code}"])
+        if stopped and not every_test:
+            break
+    return stopped
+
+
+def test_files():
+    """Test suite name -> the test file that holds it."""
+    files = {}
+    for path in sorted((ROOT / "tests").rglob("*.cpp")):
+        for suite in re.findall(r"^TEST(?:_F|_P)?\((\w+),", path.read_text(), re.M):
+            files.setdefault(suite, str(path.relative_to(ROOT)))
+    return files
+
+
+def print_kills_by_file(killers):
+    """For each test file: the faults it kills, those only it kills, and its lines per the
+    latter, so that a file that costs much for little stands out."""
+    files = test_files()
+    kills = {}
+    for fault_index, tests in killers.items():
+        owners = {files.get(t.split(".")[0], t.split(" ")[0]) for t in tests}
+        for owner in owners:
+            entry = kills.setdefault(owner, [0, 0])
+            entry[0] += 1
+            entry[1] += 1 if len(owners) == 1 else 0
+    print(f"\n{'test file':<52} {'lines':>6} {'kills':>6} {'alone':>6} {'lines/alone':>12}")
+    for owner in sorted(kills, key=lambda o: -kills[o][1]):
+        path = ROOT / owner
+        lines = count_lines([path]) if path.is_file() else 0
+        alone = kills[owner][1]
+        ratio = f"{lines / alone:.0f}" if alone else "-"
+        print(f"{owner:<52} {lines:>6} {kills[owner][0]:>6} {alone:>6} {ratio:>12}")
 
 
 def configure(build_dir):
     if not (build_dir / "CMakeCache.txt").exists():
+        # Optimised but without debug information, which makes compiling and linking slow.
         code, output = run_quiet(["cmake", "-S", str(ROOT), "-B", str(build_dir),
-                                  "-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DHARL_BENCHMARKS=OFF"],
-                                 ROOT, 600)
+                                  "-DCMAKE_BUILD_TYPE=Release",
+                                  "-DCMAKE_CXX_FLAGS_RELEASE=-O1 -DNDEBUG",
+                                  "-DHARL_BENCHMARKS=OFF"], ROOT, 600)
         if code != 0:
             sys.exit("seed-faults: configuring failed:\n" + output)
 
@@ -366,7 +409,7 @@ def baseline(build_dir, programs, jobs):
         start = time.monotonic()
         stopped = run_tests(build_dir, [program], {})
         if stopped:
-            sys.exit(f"seed-faults: the unchanged sources fail a test: {stopped}")
+            sys.exit(f"seed-faults: the unchanged sources fail: {', '.join(stopped)}")
         timeouts[program] = 30 + 10 * (time.monotonic() - start)
     return timeouts
 
@@ -391,13 +434,19 @@ def main():
     parser.add_argument("--build-dir", default="build-faults",
                         help="build folder, configured on first use and reused")
     parser.add_argument("--jobs", type=int, default=2)
-    parser.add_argument("--own-layer-only", action="store_true",
-                        help="run only the fault's layer's test program, not those above it")
+    parser.add_argument("--up-to", choices=LAYERS, default=LAYERS[-1],
+                        help="run the test programs of the fault's layer and of the layers "
+                        "above it up to this one (default: all; the fault's own layer only: "
+                        "foundation)")
     parser.add_argument("--equivalent", help="file of survivors judged equivalent")
+    parser.add_argument("--every-test", action="store_true",
+                        help="run every test against every fault (no stop at the first "
+                        "failure) and print what each test file alone catches")
     parser.add_argument("--list", action="store_true", help="print the faults, run nothing")
     parser.add_argument("--share", action="store_true", help="print test lines against "
                         "library lines and stop")
     args = parser.parse_args()
+    signal.signal(signal.SIGPIPE, signal.SIG_DFL)
     if args.share:
         print_share()
         return
@@ -424,18 +473,19 @@ def main():
     signal.signal(signal.SIGHUP, lambda *_: sys.exit(129))
     configure(build_dir)
     layers = sorted({f.path.split("/")[0] for f in chosen}, key=LAYERS.index)
-    all_programs = sorted({p for l in layers for p in test_programs(l, args.own_layer_only)},
+    all_programs = sorted({p for l in layers for p in test_programs(l, args.up_to)},
                           key=lambda p: LAYERS.index(p[len("test_"):]))
     timeouts = baseline(build_dir, all_programs, args.jobs)
     equivalents = load_equivalents(args.equivalent)
 
     results = {"killed": 0, "survived": 0, "not compiled": 0, "equivalent": 0}
     survivors = []
+    killers = {}
     try:
         for number, fault in enumerate(chosen, 1):
             original = texts[fault.path]
             old, new = changed_lines(original, fault)
-            programs = test_programs(fault.path.split("/")[0], args.own_layer_only)
+            programs = test_programs(fault.path.split("/")[0], args.up_to)
             start = time.monotonic()
             restorer.write_fault(fault.path, original, apply_fault(original, fault))
             try:
@@ -443,9 +493,11 @@ def main():
                 if code != 0:
                     outcome, detail = "not compiled", ""
                 else:
-                    stopped = run_tests(build_dir, programs, timeouts)
+                    stopped = run_tests(build_dir, programs, timeouts, args.every_test)
                     outcome = "killed" if stopped else "survived"
-                    detail = f" by {stopped}" if stopped else ""
+                    detail = f" by {', '.join(stopped)}" if stopped else ""
+                    if stopped:
+                        killers[number] = stopped
             finally:
                 restorer.restore()
             reason = equivalents.get((fault.path, old, new))
@@ -470,6 +522,8 @@ def main():
     if judged and killed + survived:
         print(f"score without the {judged} judged equivalent: {killed}/{killed + survived} = "
               f"{killed / (killed + survived):.1%}")
+    if args.every_test:
+        print_kills_by_file(killers)
     if survivors:
         print("\nsurvivors (file, original, faulty, tab-separated, as --equivalent reads them):")
         for fault, old, new in survivors:

@@ -5,6 +5,7 @@
 #include "harl/foundation/kz/CIOError.h"
 
 #include "tests/support/CLogCapture.h"
+#include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -141,7 +142,9 @@ TEST(CVMDKDescriptorAccessorTest, FullStandaloneFileCannotGrowAndReadersCannotWr
                   "Internal error: CVMDKDescriptorAccessor::changeContentID was called, but the "
                   "accessor was not opened for writing.");
     }
-    EXPECT_THROW(reader->storeDescriptor(false), kz::CError);
+    EXPECT_EQ(harltest::thrownText<kz::CError>([&] { reader->storeDescriptor(false); }),
+              "-1 Internal error: CVMDKDescriptorAccessor::storeDescriptor was called, but the "
+              "accessor was not opened for writing.");
 }
 
 TEST(CVMDKDescriptorAccessorTest, NewContentIDIsNeverTheOldOneNorReserved) {

@@ -1,7 +1,9 @@
 #include "harl/format/VMDKMarkers.h"
 #include "harl/foundation/kz/CBufferStream.h"
 #include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
 
+#include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 namespace {
@@ -64,7 +66,12 @@ TEST(VMDKMarkersTest, MarkerOfTheExtensionTypesAndNegativeValues) {
     EXPECT_EQ(value, -2);
     EXPECT_EQ(stream->getBuffer()[12], 0x02);
     EXPECT_EQ(stream->getBuffer()[15], 0x18);
-    EXPECT_THROW(writeVMDKMarker(out, VMDKMarkerFooter, 1, zeros(100)), kz::CError);
+    // The fill takes 496 bytes of the zero buffer; one byte less is refused.
+    EXPECT_EQ(harltest::thrownText<kz::CInvalidArgError>(
+                  [&] { writeVMDKMarker(out, VMDKMarkerFooter, 1, zeros(495)); }),
+              "-1 harl::writeVMDKMarker: Zero buffer too small [size=495]");
+    writeVMDKMarker(out, VMDKMarkerFooter, 1, zeros(496));
+    EXPECT_TRUE(isVMDKMarker(stream->getBuffer().getData() + 512, VMDKMarkerFooter, nullptr));
 }
 
 TEST(VMDKMarkersTest, PaddingReusesTheBuffer) {

@@ -108,12 +108,15 @@ TEST(CURITest, ResolvesReferences) {
         EXPECT_EQ(text(base << String(reference)), expected) << reference;
         EXPECT_EQ(text(base << CURI(reference)), expected) << reference;
     }
-    // A "file:" URI keeps its drive.
+    // A "file:" URI keeps its drive; a relative reference keeps the whole authority of the base.
     // clang-format off
     for (const auto& [folder, reference, expected] :
          {std::tuple{"file:///C:/vms/", "/x", "file:///C:/x"},
           {"file:///C:/vms/", "../../../x", "file:///C:/x"},
-          {"file:///C:/vms/", "/D:/x", "file:///D:/x"}, {"file:///vms/", "../../x", "file:///x"}}) {
+          {"file:///C:/vms/", "/D:/x", "file:///D:/x"}, {"file:///vms/", "../../x", "file:///x"},
+          {"ftp://u:pw@h:21/d/f?q", "g", "ftp://u:pw@h:21/d/g"},
+          {"ftp://u:pw@h:21/d/f?q", "#s", "ftp://u:pw@h:21/d/f?q#s"},
+          {"http://h", "g", "http://h/g"}}) {
         // clang-format on
         EXPECT_EQ(text(CURI(folder) << String(reference)), expected) << reference;
     }

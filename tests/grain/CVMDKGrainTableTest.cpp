@@ -80,6 +80,17 @@ TEST_F(CVMDKGrainTableTest, ReadsEntriesWithinItsBounds) {
               "5 VMDK redundant grain table lies beyond the end of the file (position: 4 "
               "sectors). [uri=file:///x/a.vmdk]");
     EXPECT_NO_THROW(CVMDKGrainTable(stream.get(), kz::IIOStream::AccessRead, 1, kTable, 4, 0, 8));
+
+    // A table holds 0 to kMaxGrainCount entries, whatever the caller asks for.
+    stream->setLength(CVMDKGrainTable::kMaxGrainCount * 4);
+    for (int count : {-1, 0, CVMDKGrainTable::kMaxGrainCount, CVMDKGrainTable::kMaxGrainCount + 1}) {
+        const std::string thrown = thrownText<kz::CInvalidArgError>(
+            [&] { CVMDKGrainTable(stream.get(), kz::IIOStream::AccessRead, 1, 0, 0, 0, count); });
+        EXPECT_EQ(thrown, count == -1 || count > CVMDKGrainTable::kMaxGrainCount
+                              ? "-1 CVMDKGrainTable constructor: Invalid grain count: " +
+                                    std::to_string(count) + " [uri=file:///x/a.vmdk]"
+                              : "nothing thrown");
+    }
 }
 
 TEST_F(CVMDKGrainTableTest, SetGrainInfoChecksInOrderBeforeAnyChange) {

@@ -359,6 +359,17 @@ TEST_F(CVMDKGrainFixture, PreparedGrainsMoveBetweenExtentsWithOtherKeys) {
 }
 
 TEST_F(CVMDKGrainFixture, ErrorsCarryTheirTextsAndProperties) {
+    // A grain is at least a sector, and its bytes and a compressed grain of twice that fit an
+    // int.
+    for (long long sectors : {0LL, 1LL, (1LL << 31) / 4 / 512}) {
+        EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] {
+                      CVMDKGrain(extent.stream.get(), kz::IIOStream::AccessRead, sectors, nullptr,
+                                 false, 1, nullptr, nullptr, kz::TCryptBuffer<>(), Buffer());
+                  }),
+                  sectors == 1 ? "nothing thrown"
+                               : "-1 CVMDKGrain::CVMDKGrain: Invalid grain size: " +
+                                     std::to_string(sectors));
+    }
     kz::P<CVMDKGrain> grain = makeGrain(extent, {true, true});
     const std::string uri = "[uri=file:///d/grain.vmdk";
     EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { grain->open(0, 0, 3, 0); }),

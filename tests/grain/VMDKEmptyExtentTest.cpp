@@ -60,9 +60,9 @@ struct CLayout {
     long long r, p, overhead, fileSectors;
 };
 
-CLayout create(kz::IFileSystem& fs, bool compressed, long long grains) {
-    createEmptyVMDKSparseExtentFile(&fs, kUri, compressed, grains, 128, zeros(65536), nullptr, 0,
-                                    kz::TBuffer<unsigned char>());
+CLayout create(kz::IFileSystem& fs, bool compressed, long long grains, long long grainSectors = 128) {
+    createEmptyVMDKSparseExtentFile(&fs, kUri, compressed, grains, grainSectors, zeros(65536),
+                                    nullptr, 0, kz::TBuffer<unsigned char>());
     const kz::TBuffer<unsigned char> file = contentOf(fs, kUri);
     const CVMDKSparseExtentHeader header = headerAt(file, 0);
     return {static_cast<long long>(header.getRedundantGrainDirectoryOffsetSectors()),
@@ -126,6 +126,11 @@ TEST(VMDKEmptyExtentTest, TableAndDirectoryCountsAtTheirBoundaries) {
         EXPECT_EQ(layout.overhead, (end + 127) / 128 * 128) << c.grains;
         fs->deleteFile(kUri, false);
     }
+    // Metadata that ends on a grain boundary needs no fill.
+    const CLayout exact = create(*fs, false, 512, 1);
+    EXPECT_EQ(exact.overhead, 11);
+    EXPECT_EQ(exact.fileSectors, 11);
+    fs->deleteFile(kUri, false);
     // Without tables the compressed markers still stand, with value 0.
     const CLayout empty = create(*fs, true, 0);
     const kz::TBuffer<unsigned char> file = contentOf(*fs, kUri);
