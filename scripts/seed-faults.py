@@ -135,6 +135,8 @@ def mutable_lines(lines):
 def integer_faults(path, index, masked):
     for match in INTEGER_RE.finditer(masked):
         text, suffix = match.group(1), match.group(2)
+        if re.search(r"\)\s*(const\s*)?=\s*$", masked[:match.start()]):
+            continue  # a pure specifier, "= 0", which only 0 can be
         if text.lower().startswith("0x"):
             new = f"0x{int(text, 16) + 1:x}"
         elif text.startswith("0") and len(text) > 1:
@@ -147,6 +149,9 @@ def integer_faults(path, index, masked):
 
 def line_faults(path, index, masked):
     for match in OPERATOR_RE.finditer(masked):
+        if match.group(0) in (" + ", " += ") and ('"' in masked[match.end():match.end() + 1] or
+                                                  masked[:match.start()].endswith('"')):
+            continue  # text joined to a string literal: a "-" there would not compile
         for new in OPERATOR_SWAPS[match.group(0)]:
             yield Fault(path, index, index, match.start(), len(match.group(0)), new,
                         f"'{match.group(0).strip()}' -> '{new.strip()}'")
@@ -417,7 +422,7 @@ def baseline(build_dir, programs, jobs):
 def load_equivalents(path):
     """Lines "file<TAB>original<TAB>faulty<TAB>reason": survivors judged to change nothing."""
     equivalents = {}
-    if path:
+    if path and Path(path).is_file():
         for line in Path(path).read_text().splitlines():
             if line.strip() and not line.startswith("#"):
                 parts = line.split("\t")
@@ -438,7 +443,8 @@ def main():
                         help="run the test programs of the fault's layer and of the layers "
                         "above it up to this one (default: all; the fault's own layer only: "
                         "foundation)")
-    parser.add_argument("--equivalent", help="file of survivors judged equivalent")
+    parser.add_argument("--equivalent", default=str(ROOT / "scripts" / "equivalent-faults.txt"),
+                        help="file of survivors judged equivalent (default: %(default)s)")
     parser.add_argument("--every-test", action="store_true",
                         help="run every test against every fault (no stop at the first "
                         "failure) and print what each test file alone catches")

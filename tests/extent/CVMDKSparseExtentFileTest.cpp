@@ -551,8 +551,8 @@ TEST_P(CVMDKSparseExtentFileTest, ExtentsOfManyTablesKeepDirectoriesSlotsAndTrai
         const long long directory = uint32At(56), redundant = uint32At(48);
         for (long long grain : written) {
             const long long table = grain / 512;
-            const unsigned int entry = uint32At(uint32At(directory * 512 + 4 * table) * 512LL +
-                                                4 * (grain % 512));
+            const unsigned int entry =
+                uint32At(uint32At(directory * 512 + 4 * table) * 512LL + 4 * (grain % 512));
             EXPECT_NE(entry, 0u) << tables << " " << grain;
             EXPECT_EQ(uint32At(uint32At(redundant * 512 + 4 * table) * 512LL + 4 * (grain % 512)),
                       entry);
@@ -578,9 +578,9 @@ TEST_P(CVMDKSparseExtentFileTest, ExtentsOfManyTablesKeepDirectoriesSlotsAndTrai
         EXPECT_EQ(space->getPayloadSize(), 3 * kGrainBytes);
         EXPECT_EQ(space->getHeaderSize(), overhead * 512);
         EXPECT_EQ(space->getDeadSpaceSize(), compressed() ? 1536 : 0);
-        EXPECT_EQ(space->getHeaderSize() + space->getPayloadSizeInFile() +
-                      space->getDeadSpaceSize(),
-                  static_cast<long long>(file.getUsed()));
+        EXPECT_EQ(
+            space->getHeaderSize() + space->getPayloadSizeInFile() + space->getDeadSpaceSize(),
+            static_cast<long long>(file.getUsed()));
         EXPECT_TRUE(log.getLines().empty());
     }
 }

@@ -91,19 +91,9 @@ TEST(VMDKMarkersTest, StreamPositionInSectors) {
     stream->seek(1024);
     EXPECT_EQ(getStreamPositionVMDKSectors(*stream), 2);
     stream->seek(513);
-    try {
-        getStreamPositionVMDKSectors(*stream);
-        FAIL();
-    } catch (const kz::CError& error) {
-        EXPECT_EQ(error.getMessage(),
-                  "Internal error in harl::getStreamPositionVMDKSectors. Stream position should "
-                  "be a multiple of 512 but it is not.");
-        EXPECT_EQ(error.getCode(), -1);
-        ASSERT_EQ(error.getProps().getCount(), 2u);
-        EXPECT_EQ(error.getProps().getKey(0), "uri");
-        EXPECT_EQ(error.getProps().getKey(1), "position");
-        EXPECT_EQ(error.getProps().getValue(1), "513");
-    }
+    EXPECT_EQ(harltest::thrownText<kz::CError>([&] { getStreamPositionVMDKSectors(*stream); }),
+              "-1 Internal error in harl::getStreamPositionVMDKSectors. Stream position should "
+              "be a multiple of 512 but it is not. [uri=, position=513]");
 }
 
 }  // namespace

@@ -39,6 +39,7 @@ TEST(KeyDerivationTest, RefusesBadArgumentsAndTakesNullForEmpty) {
         int keyLength;
         bool key;
     };
+
     kz::TCryptBuffer<unsigned char> key(20);
     const auto derive = [&](const Args& a) {
         vesk::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(a.password, a.passwordLength, a.salt, a.saltLength,

@@ -3,9 +3,11 @@
 #include "harl/grain/CVMDKDataPreparer.h"
 
 #include "tests/support/SampleData.h"
+#include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 
 namespace {
 
@@ -50,25 +52,16 @@ TEST(CVMDKDataPreparerTest, RefusesMissingBuffersAndOversizedSources) {
     exact->fill(0);
     EXPECT_NO_THROW(preparer->prepareGrainData(exact.get(), 0, aux.get()));
     kz::P<Buffer> tooLong(new Buffer(kGrainBytes + 1));
-    try {
-        preparer->prepareGrainData(tooLong.get(), 0, aux.get());
-        FAIL();
-    } catch (const kz::CInvalidArgError& error) {
-        EXPECT_EQ(error.getWhere(), "CVMDKDataPreparer::prepareGrainData");
-        EXPECT_EQ(error.getMessage(), "source buffer is bigger than grain size (65537).");
-    }
-    try {
-        preparer->prepareGrainData(nullptr, 0, nullptr);
-        FAIL();
-    } catch (const kz::CInvalidArgError& error) {
-        EXPECT_EQ(error.getMessage(), "pSourceBuffer must not be NULL");
-    }
     kz::P<CVMDKDataPreparer> plain(new CVMDKDataPreparer(kGrainSectors, false, 1));
-    try {
-        plain->prepareGrainData(exact.get(), 0, nullptr);
-        FAIL();
-    } catch (const kz::CInvalidArgError& error) {
-        EXPECT_EQ(error.getMessage(), "pAuxBuffer must not be NULL");
+    const std::string where = "-1 CVMDKDataPreparer::prepareGrainData: ";
+    for (const auto& [call, message] : std::vector<std::pair<std::function<void()>, std::string>>{
+             {[&] { preparer->prepareGrainData(tooLong.get(), 0, aux.get()); },
+              "source buffer is bigger than grain size (65537)."},
+             {[&] { preparer->prepareGrainData(nullptr, 0, nullptr); },
+              "pSourceBuffer must not be NULL"},
+             {[&] { plain->prepareGrainData(exact.get(), 0, nullptr); },
+              "pAuxBuffer must not be NULL"}}) {
+        EXPECT_EQ(harltest::thrownText<kz::CInvalidArgError>(call), where + message);
     }
 }
 
@@ -123,12 +116,9 @@ TEST(CVMDKDataPreparerTest, CorruptPreparedDataIsAFormatError) {
     preparer->prepareGrainData(source.get(), 0, prepared.get());
     kz::P<Buffer> plain(new Buffer);
     prepared->setUsed(200);  // cut inside the compressed stream
-    try {
-        preparer->unprepareGrainData(prepared.get(), plain.get());
-        FAIL();
-    } catch (const kz::CIOError& error) {
-        EXPECT_EQ(error.getCode(), kz::CIOError::CorruptFormat);
-    }
+    EXPECT_EQ(harltest::thrownText<kz::CIOError>(
+                  [&] { preparer->unprepareGrainData(prepared.get(), plain.get()); })[0],
+              '5');
     prepared->setUsed(5);
     EXPECT_THROW(preparer->unprepareGrainData(prepared.get(), plain.get()), kz::CIOError);
 }

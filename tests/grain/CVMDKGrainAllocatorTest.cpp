@@ -7,6 +7,7 @@
 #include "tests/support/CLogCapture.h"
 #include "tests/support/CRecordingStream.h"
 #include "tests/support/GrainMetadataLayout.h"
+#include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 namespace {
@@ -141,23 +142,14 @@ TEST_F(CVMDKGrainAllocatorTest, RefusesBeforeChangingAnything) {
     makeExtent(false);
     kz::P<CVMDKGrainAllocator> reader = makeAllocator(false, {}, kz::IIOStream::AccessRead);
     const std::vector<unsigned char> grain(kGrainBytes + 1, 1);
-    try {
-        reader->allocNewGrain(0, grain.data(), kGrainBytes + 1, kGrainSectors);
-        FAIL();
-    } catch (const kz::CInvalidArgError& error) {
-        EXPECT_EQ(error.getWhere(), "CVMDKGrainAllocator::allocNewGrain");
-        EXPECT_EQ(error.getMessage(),
-                  "Slot size is smaller than grain data size (slot size: 4096 bytes, grain data "
-                  "size: 4097 bytes)");
-    }
-    try {
-        reader->allocNewGrain(0, grain.data(), kGrainBytes, kGrainSectors);
-        FAIL();
-    } catch (const kz::CError& error) {
-        EXPECT_EQ(error.getMessage(),
-                  "Internal error: CVMDKGrainAllocator::allocNewGrain was called, but the grain "
-                  "allocator was not opened for writing.");
-    }
+    EXPECT_EQ(harltest::thrownText<kz::CInvalidArgError>(
+                  [&] { reader->allocNewGrain(0, grain.data(), kGrainBytes + 1, kGrainSectors); }),
+              "-1 CVMDKGrainAllocator::allocNewGrain: Slot size is smaller than grain data size "
+              "(slot size: 4096 bytes, grain data size: 4097 bytes)");
+    EXPECT_EQ(harltest::thrownText<kz::CError>(
+                  [&] { reader->allocNewGrain(0, grain.data(), kGrainBytes, kGrainSectors); }),
+              "-1 Internal error: CVMDKGrainAllocator::allocNewGrain was called, but the grain "
+              "allocator was not opened for writing.");
     EXPECT_TRUE(stream->writes.empty());
 
     // A failed write leaves the end of the data where it was and records nothing.

@@ -83,7 +83,8 @@ TEST_F(CVMDKGrainTableTest, ReadsEntriesWithinItsBounds) {
 
     // A table holds 0 to kMaxGrainCount entries, whatever the caller asks for.
     stream->setLength(CVMDKGrainTable::kMaxGrainCount * 4);
-    for (int count : {-1, 0, CVMDKGrainTable::kMaxGrainCount, CVMDKGrainTable::kMaxGrainCount + 1}) {
+    for (int count :
+         {-1, 0, CVMDKGrainTable::kMaxGrainCount, CVMDKGrainTable::kMaxGrainCount + 1}) {
         const std::string thrown = thrownText<kz::CInvalidArgError>(
             [&] { CVMDKGrainTable(stream.get(), kz::IIOStream::AccessRead, 1, 0, 0, 0, count); });
         EXPECT_EQ(thrown, count == -1 || count > CVMDKGrainTable::kMaxGrainCount

@@ -355,6 +355,18 @@ TEST_F(CVMDKGrainFixture, PreparedGrainsMoveBetweenExtentsWithOtherKeys) {
         EXPECT_EQ(readGrain(*makeGrain(target, {compressed, true}, nullptr, 2), target, 2, 4),
                   fsData);
         EXPECT_EQ(readGrain(*home, back, 1, 4), fsData);
+
+        // Over a slot it fits, kept data goes straight to the stream.
+        const Bytes text = grainOf(harltest::makeTextLikeData(1000, 8));
+        kz::P<Buffer> plain(new Buffer), aux(new Buffer);
+        plain->assign(text.data(), text.size());
+        const kz::P<Buffer> smaller =
+            home->createDataPreparer()->prepareGrainData(plain.get(), 4, aux.get());
+        openGrain(*home, back, 1, 4);
+        home->writePreparedGrainDataKeepBuffer(kz::TConstBufferSlice<unsigned char>(*smaller));
+        home->close();
+        EXPECT_EQ(back.allocator->calls.size(), 2u);
+        EXPECT_EQ(readGrain(*home, back, 1, 4), text);
     }
 }
 

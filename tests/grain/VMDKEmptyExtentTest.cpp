@@ -60,7 +60,8 @@ struct CLayout {
     long long r, p, overhead, fileSectors;
 };
 
-CLayout create(kz::IFileSystem& fs, bool compressed, long long grains, long long grainSectors = 128) {
+CLayout create(kz::IFileSystem& fs, bool compressed, long long grains,
+               long long grainSectors = 128) {
     createEmptyVMDKSparseExtentFile(&fs, kUri, compressed, grains, grainSectors, zeros(65536),
                                     nullptr, 0, kz::TBuffer<unsigned char>());
     const kz::TBuffer<unsigned char> file = contentOf(fs, kUri);
