@@ -136,6 +136,15 @@ TEST_F(CVMDKGrainAllocatorTest, ForeignEndIsKeptAndATrailAppendedOnlyWhenWritabl
     EXPECT_EQ(writer->getNextPosBytes(), metadataEnd + 1536);
     writer->flushChangesToStream();
     EXPECT_EQ(stream->getLength(), metadataEnd + 3072);
+
+    // A file shorter than the trail ends with data; a failed last flush is only logged.
+    stream->setLength(1000);
+    writer = makeAllocator(true, trail, kz::IIOStream::AccessReadWrite);
+    EXPECT_EQ(writer->getNextPosBytes(), 1000);
+    stream->failWritesFrom(0);
+    writer = nullptr;
+    EXPECT_NE(log.messages(kz::LogLevel::Error).at(0).find("harl::CVMDKGrainAllocator"),
+              kz::String::npos);
 }
 
 TEST_F(CVMDKGrainAllocatorTest, RefusesBeforeChangingAnything) {

@@ -85,6 +85,8 @@ TEST_F(CVMDKGrainDirectoryTest, ReadsTablesInAlignedBatches) {
     directory->getGrainInfo(39 * kPerTable + 127, pos, slot);
     EXPECT_EQ(pos, 555);
     EXPECT_EQ(stream->readCount - readsBefore, 8);
+    directory->getGrainTable(5);  // the batch from 0, which ends where the last one began
+    EXPECT_EQ(cache->getCachedTableCount(), kTables);
 
     for (long long bad : {-1LL, kTables}) {
         EXPECT_EQ(
@@ -94,7 +96,6 @@ TEST_F(CVMDKGrainDirectoryTest, ReadsTablesInAlignedBatches) {
     }
     // A small negative grain index reaches table 0, which refuses it.
     EXPECT_THROW(directory->getGrainInfo(-1, pos, slot), kz::CInvalidArgError);
-    EXPECT_EQ(cache->getCachedTableCount(), kTables);
 
     // A cache smaller than a batch still hands out the requested table.
     cache = new CVMDKGrainTableCache(0);
@@ -115,6 +116,11 @@ TEST_F(CVMDKGrainDirectoryTest, FindsTheSlotDirectoryBehindTheLastTable) {
     // as redundant, whose last entry is the greater.
     std::swap(layout.directorySectors, layout.redundantDirectorySectors);
     EXPECT_TRUE(open(true)->getHaveSlotSizeInfo());
+    stream->setLength(512);  // the same with a single table
+    layout =
+        harltest::layOutGrainMetadata(*stream, {.grainsPerTable = kPerTable, .slotSizes = true});
+    std::swap(layout.directorySectors, layout.redundantDirectorySectors);
+    EXPECT_TRUE(open(true, kPerTable * kGrainSectors)->getHaveSlotSizeInfo());
 }
 
 TEST_F(CVMDKGrainDirectoryTest, SlotDirectoryMissingOrOfTheWrongLength) {
@@ -137,6 +143,16 @@ TEST_F(CVMDKGrainDirectoryTest, SlotDirectoryMissingOrOfTheWrongLength) {
 
 TEST_F(CVMDKGrainDirectoryTest, RefusesCorruptCountsAndOffsetsWithoutLargeAllocations) {
     layOut({.slotSizes = true});
+    // The ceilings are still a geometry: an empty extent, a table of kMaxGrainCount grains.
+    EXPECT_EQ(open(false, 0)->getGrainTableCount(), 0);
+    EXPECT_EQ(open(false, kCapacitySectors, kGrainSectors, harl::CVMDKGrainTable::kMaxGrainCount)
+                  ->getGrainTableCount(),
+              2);
+    EXPECT_EQ(harltest::thrownText<kz::CInvalidArgError>([&] {
+                  CVMDKGrainDirectory(nullptr, kz::IIOStream::AccessRead, 1, 0, 8, 8, 1, false,
+                                      cache.get());
+              }),
+              "-1 CVMDKGrainDirectory constructor: stream and grainTableCache must not be NULL");
     for (auto [capacity, grainSectors, perTable] :
          {std::tuple{64LL, 8LL, 0},
           {-1, 8, 128},

@@ -38,7 +38,7 @@ struct CVMDKGrainTableTest : ::testing::Test {
     }
 
     kz::P<harltest::CRecordingStream> stream{
-        new harltest::CRecordingStream(kz::CURI("file:///x/a.vmdk"))};
+        new harltest::CRecordingStream(kz::CURI("file:///x/a%20b.vmdk"))};
 };
 
 // The message of what setGrainInfo throws; a table that refuses has not changed.
@@ -64,7 +64,7 @@ TEST_F(CVMDKGrainTableTest, ReadsEntriesWithinItsBounds) {
     for (long long bad : {-1LL, 8LL}) {
         EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { tracked->getGrainInfo(bad, pos, slot); }),
                   "-1 CVMDKGrainTable::getGrainInfo: Invalid grain index: " + std::to_string(bad) +
-                      " [uri=file:///x/a.vmdk]");
+                      " [uri=file:///x/a b.vmdk]");
     }
     open(false)->getGrainInfo(1, pos, slot);
     EXPECT_EQ(slot, kGrainSectors);
@@ -78,8 +78,13 @@ TEST_F(CVMDKGrainTableTest, ReadsEntriesWithinItsBounds) {
                                   kGrains);
               }),
               "5 VMDK redundant grain table lies beyond the end of the file (position: 4 "
-              "sectors). [uri=file:///x/a.vmdk]");
+              "sectors). [uri=file:///x/a b.vmdk]");
     EXPECT_NO_THROW(CVMDKGrainTable(stream.get(), kz::IIOStream::AccessRead, 1, kTable, 4, 0, 8));
+    // Without a redundant copy a short table fails in its read.
+    EXPECT_EQ(thrownText<kz::CIOError>([&] {
+                  CVMDKGrainTable(stream.get(), kz::IIOStream::AccessReadWrite, 1, 0, 0, 0, 1024);
+              })[0],
+              '4');
 
     // A table holds 0 to kMaxGrainCount entries, whatever the caller asks for.
     stream->setLength(CVMDKGrainTable::kMaxGrainCount * 4);
@@ -89,7 +94,7 @@ TEST_F(CVMDKGrainTableTest, ReadsEntriesWithinItsBounds) {
             [&] { CVMDKGrainTable(stream.get(), kz::IIOStream::AccessRead, 1, 0, 0, 0, count); });
         EXPECT_EQ(thrown, count == -1 || count > CVMDKGrainTable::kMaxGrainCount
                               ? "-1 CVMDKGrainTable constructor: Invalid grain count: " +
-                                    std::to_string(count) + " [uri=file:///x/a.vmdk]"
+                                    std::to_string(count) + " [uri=file:///x/a b.vmdk]"
                               : "nothing thrown");
     }
 }
@@ -106,7 +111,7 @@ TEST_F(CVMDKGrainTableTest, SetGrainInfoChecksInOrderBeforeAnyChange) {
 
     kz::P<CVMDKGrainTable> tracked = open(true);
     EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { tracked->setGrainInfo(2, 77, -1); }),
-              "-1 CVMDKGrainTable::setGrainInfo: Invalid grain slot size. [uri=file:///x/a.vmdk, "
+              "-1 CVMDKGrainTable::setGrainInfo: Invalid grain slot size. [uri=file:///x/a b.vmdk, "
               "slotSizeSectors=-1, grainSizeSectors=128, posSectors=77]");
     // Values too wide for their entries are refused, not cut.
     EXPECT_EQ(refusal(tracked, 2, 1LL << 32, 3), "Invalid grain position: 4294967296");
