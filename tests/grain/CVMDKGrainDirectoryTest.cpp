@@ -121,6 +121,15 @@ TEST_F(CVMDKGrainDirectoryTest, FindsTheSlotDirectoryBehindTheLastTable) {
         harltest::layOutGrainMetadata(*stream, {.grainsPerTable = kPerTable, .slotSizes = true});
     std::swap(layout.directorySectors, layout.redundantDirectorySectors);
     EXPECT_TRUE(open(true, kPerTable * kGrainSectors)->getHaveSlotSizeInfo());
+    // Without tables it stands behind the later directory.
+    kz::TBuffer<unsigned char> zeros(512);
+    zeros.fill(0);
+    stream->seek(3 * 512);
+    kz::CDataOutStream out(stream.get());
+    harl::writeVMDKMarker(out, harl::VMDKMarkerSlotSizeDirectory, 0, zeros);
+    layout.directorySectors = 2;
+    layout.redundantDirectorySectors = 1;
+    EXPECT_EQ(open(true, 0)->getSlotDirectoryPosSectors(), 4);
 }
 
 TEST_F(CVMDKGrainDirectoryTest, SlotDirectoryMissingOrOfTheWrongLength) {
@@ -178,6 +187,9 @@ TEST_F(CVMDKGrainDirectoryTest, RefusesCorruptCountsAndOffsetsWithoutLargeAlloca
     layout.directorySectors = LLONG_MIN / 2;
     EXPECT_EQ(openError()[0], '7');  // a bad seek
 
+    layOut();  // a directory that ends where the file does fits
+    stream->setLength(layout.directorySectors * 512 + kTables * 4);
+    EXPECT_EQ(open()->getGrainTableCount(), kTables);
     layOut({.slotSizes = true});  // a slot directory cut off behind its marker
     stream->setLength((layout.slotMarkerSector + 1) * 512);
     EXPECT_EQ(openError(true)[0], '4');

@@ -4,6 +4,8 @@
 #include "harl/foundation/kz/CBufferStream.h"
 #include "harl/foundation/kz/CDataInStream.h"
 #include "harl/foundation/kz/CError.h"
+#include "harl/foundation/kz/CFaultInjectingFileSystem.h"
+#include "harl/foundation/kz/CFileSystemError.h"
 #include "harl/foundation/kz/CLocalFileSystem.h"
 #include "harl/foundation/kz/CMemoryFileSystem.h"
 #include "harl/grain/VMDKEmptyExtent.h"
@@ -20,7 +22,7 @@ namespace {
 
 using namespace harl;
 
-const kz::CURI kUri("file:///images/extent.vmdk");
+const kz::CURI kUri("file:///images/my%20extent.vmdk");
 
 kz::TBuffer<unsigned char> zeros(size_t size) {
     kz::TBuffer<unsigned char> buffer(size);
@@ -173,11 +175,17 @@ TEST(VMDKEmptyExtentTest, FailureDeletesTheHalfMadeFile) {
                                                  tooLong.get(), 1, kz::TBuffer<unsigned char>()),
                  kz::CError);
     EXPECT_FALSE(fs->exists(kUri));
-    ASSERT_EQ(log.messages(kz::LogLevel::Error).size(), 1u);
+    // A file that could not be opened leaves nothing to delete and nothing more to report.
+    kz::P<kz::CFaultInjectingFileSystem> faulty(new kz::CFaultInjectingFileSystem(fs.get()));
+    faulty->failOperation(1, false);
+    EXPECT_THROW(createEmptyVMDKSparseExtentFile(faulty.get(), kUri, false, 8, 128, zeros(512),
+                                                 nullptr, 0, kz::TBuffer<unsigned char>()),
+                 kz::CFileSystemError);
+    ASSERT_EQ(log.messages(kz::LogLevel::Error).size(), 2u);
     EXPECT_EQ(log.messages(kz::LogLevel::Error)[0].find(
-                  "Error in CVMDKDisk::createEmptySparseExtentFile ('file:///images/extent.vmdk'). "
-                  "Deleting file and letting error through.: Internal error: actual VMDK "
-                  "descriptor size exceeds target size"),
+                  "Error in CVMDKDisk::createEmptySparseExtentFile ('file:///images/my "
+                  "extent.vmdk'). Deleting file and letting error through.: Internal error: "
+                  "actual VMDK descriptor size exceeds target size"),
               0u);
 }
 
