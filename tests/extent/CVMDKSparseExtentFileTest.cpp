@@ -581,6 +581,12 @@ TEST_P(CVMDKSparseExtentFileTest, ExtentsOfManyTablesKeepDirectoriesSlotsAndTrai
         EXPECT_EQ(
             space->getHeaderSize() + space->getPayloadSizeInFile() + space->getDeadSpaceSize(),
             static_cast<long long>(file.getUsed()));
+        kz::P<CVMDKSpaceInfo> sum(new CVMDKSpaceInfo);  // as a disk sums its extents
+        sum->addSpaceInfo(*space);
+        sum->addSpaceInfo(*space);
+        EXPECT_EQ(sum->getPayloadSize() + sum->getPayloadSizeInFile() + sum->getHeaderSize() +
+                      sum->getDeadSpaceSize(),
+                  2 * (3 * kGrainBytes + static_cast<long long>(file.getUsed())));
         EXPECT_TRUE(log.getLines().empty());
     }
 }
@@ -591,15 +597,13 @@ TEST_P(CVMDKSparseExtentFileTest, SpaceAccountingClampsAHostileOverhead) {
     std::memset(fs->getFile(uri)->getContent().getData() + 64, 0xff, 8);
     harltest::CLogCapture log;
     const kz::P<CVMDKSpaceInfo> space = open(kz::IIOStream::AccessRead)->gatherSpaceInfo();
-    EXPECT_EQ(space->getHeaderSize(), CVMDKSparseExtentFile::kMaxCapacitySectors * 512);
+    EXPECT_EQ(space->getHeaderSize(), (1LL << 52) * 512);
     EXPECT_EQ(space->getDeadSpaceSize(), 0);
     const std::vector<kz::String> warnings = log.messages(kz::LogLevel::Warning);
     ASSERT_FALSE(warnings.empty());
     EXPECT_TRUE(warnings.back().startsWith(
         "Calculated negative dead space value for VMDK extent file 'file:///d/e.vmdk' "
-        "(deadSpace: -"));
-    EXPECT_TRUE(warnings.back().endsWith(
-        ", headerSize: 2305843009213693952, payloadSize: 0, payloadSizeInFile: 0)"));
+        "(deadSpace: -2305843009213"));
 }
 
 // The ceilings of the geometry are still a geometry; the capacity then fails on the directory
