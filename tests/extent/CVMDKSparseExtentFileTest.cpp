@@ -501,8 +501,13 @@ TEST_P(CVMDKSparseExtentFileTest, PreparedGrainsRoundTripAndAdvanceGrainByGrain)
     EXPECT_EQ(harltest::thrownText<kz::CIOError>([&] { extent->writePreparedGrainData(bad); }),
               "3 Prepared grain write exceeds VMDK extent size. [uri=file:///d/e.vmdk, "
               "position=2621435, grainSize=65536, extentSize=2621440]");
+    EXPECT_EQ(harltest::thrownText<kz::CIOError>([&] { extent->write(bad.getData(), 6); }),
+              "3 Write exceeded VMDK extent size. [uri=file:///d/e.vmdk, position=2621435, "
+              "bytesToWrite=6]");
     extent->seek(kGrains * kGrainBytes);  // the end itself is a position
     EXPECT_EQ(extent->getPosition(), kGrains * kGrainBytes);
+    EXPECT_EQ(extent->makeGrainIndependentOfParent(7), 0);  // without a parent: nothing to do
+    EXPECT_EQ(extent->getPosition(), 8 * kGrainBytes);
 
     extent = nullptr;
     extent = open(kz::IIOStream::AccessRead);
