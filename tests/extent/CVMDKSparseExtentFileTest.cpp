@@ -521,6 +521,10 @@ TEST_P(CVMDKSparseExtentFileTest, PreparedGrainsRoundTripAndAdvanceGrainByGrain)
         extent->readPreparedGrainData(prepared);
         EXPECT_EQ(plainOf(prepared), grains[index]) << index;
         EXPECT_EQ(extent->getPosition(), (index + 1) * kGrainBytes);
+        Bytes back(kGrainBytes);
+        extent->seek(index * kGrainBytes);
+        extent->read(back.data(), kGrainBytes);
+        EXPECT_EQ(back, grains[index]) << index;
         if (compressed()) {  // the lba of the grain, also for one not stored
             EXPECT_EQ(prepared[1] * 256 + prepared[0], index * 128) << index;
         }

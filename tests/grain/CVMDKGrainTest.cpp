@@ -201,12 +201,17 @@ TEST_P(CVMDKGrainTest, ZerosOnAnUnallocatedGrainAreStoredOnlyOverAProvider) {
     grain->flushChangesToStream();
     EXPECT_FALSE(grain->isGrainWritten());
     EXPECT_TRUE(extent.allocator->calls.empty());
+    const Bytes lastByte = grainOf({7}, kGrainBytes - 1);  // not zero at the very end
+    grain->open(2, 2, 0, 0);
+    grain->write(lastByte.data(), kGrainBytes);
+    grain->close();
+    EXPECT_EQ(readBack(2, 2), lastByte);
 
     grain->setFallbackDataProvider(provider.get());
     grain->open(1, 1, 0, 0);
     grain->write(zeros.data(), kGrainBytes);
     grain->close();
-    EXPECT_EQ(extent.allocator->calls.size(), 1u);
+    EXPECT_EQ(extent.allocator->calls.size(), 2u);
     EXPECT_EQ(readGrain(*makeGrain(provider.get()), extent, 1, 1), grainOf({}));
 }
 
@@ -319,6 +324,10 @@ TEST_P(CVMDKCompressedGrainTest, ReadsASizeOfTwiceAGrainAndRefusesMoreOrCorruptD
     const int reads = extent.stream->readCount;
     EXPECT_THROW(grain->read(byte.data(), 1), kz::CIOError);  // the file is asked again
     EXPECT_GT(extent.stream->readCount, reads);
+    Buffer prepared;  // nor does the failure leave a prepared form behind
+    grain->seek(0);
+    grain->readPreparedGrainData(prepared);
+    EXPECT_GT(prepared.getUsed(), 12u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Forms, CVMDKCompressedGrainTest,
@@ -371,6 +380,11 @@ TEST_F(CVMDKGrainFixture, PreparedGrainsMoveBetweenExtentsWithOtherKeys) {
 }
 
 TEST_F(CVMDKGrainFixture, ErrorsCarryTheirTextsAndProperties) {
+    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] {
+                  CVMDKGrain(extent.stream.get(), kz::IIOStream::AccessReadWrite, 128, nullptr,
+                             false, 1, nullptr, nullptr, kz::TCryptBuffer<>(), Buffer());
+              }),
+              "-1 CVMDKGrain::CVMDKGrain: A grain needs a stream, and an allocator to write.");
     // A grain is at least a sector, and its bytes and a compressed grain of twice that fit an
     // int.
     for (long long sectors : {0LL, 1LL, (1LL << 31) / 4 / 512}) {
