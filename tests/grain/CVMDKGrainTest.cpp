@@ -228,6 +228,9 @@ TEST_P(CVMDKGrainTest, AFailedStoreLeavesTheGrainDirtyForTheNextFlush) {
         EXPECT_EQ(grain->getGrainStartPositionSectors(), round);
         extent.stream->failWritesFrom(-1);
         grain->flushChangesToStream();
+        const size_t writes = extent.stream->writes.size();
+        grain->flushChangesToStream();  // stored: clean, nothing more to write
+        EXPECT_EQ(extent.stream->writes.size(), writes);
         EXPECT_EQ(readBack(0, 0), data);
     }
     EXPECT_EQ(extent.allocator->calls.size(), 2u);  // the failed first store and its retry
@@ -377,6 +380,15 @@ TEST_F(CVMDKGrainFixture, PreparedGrainsMoveBetweenExtentsWithOtherKeys) {
         EXPECT_EQ(back.allocator->calls.size(), 2u);
         EXPECT_EQ(readGrain(*home, back, 1, 4), text);
     }
+    // A short uncompressed prepared grain is the grain's start; the rest reads as zeros.
+    kz::P<CVMDKGrain> sealed = makeGrain(extent, {false, true});
+    sealed->open(0, 0, 0, 0);
+    Buffer start;
+    start.assign(fsData.data(), 100);
+    sealed->writePreparedGrainData(start);
+    sealed->close();
+    EXPECT_EQ(readGrain(*sealed, extent, 0, 0),
+              grainOf(Bytes(fsData.begin(), fsData.begin() + 100)));
 }
 
 TEST_F(CVMDKGrainFixture, ErrorsCarryTheirTextsAndProperties) {
