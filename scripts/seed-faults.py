@@ -338,9 +338,10 @@ def build(build_dir, targets, jobs):
 
 
 def test_name(failed):
-    """"Prefix/Suite.Name/3" -> "Suite.Name"."""
+    """"Prefix/Suite.Name/3" (value-parameterized) or "Suite/3.Name" (typed) -> "Suite.Name"."""
     suite, _, name = failed.partition(".")
-    return suite.split("/")[-1] + "." + name.split("/")[0]
+    parts = suite.split("/")
+    return (parts[0] if parts[-1].isdigit() else parts[-1]) + "." + name.split("/")[0]
 
 
 def run_tests(build_dir, programs, timeouts, every_test=False):
