@@ -57,32 +57,6 @@ protected:
     long long metadataEnd = 0;
 };
 
-TEST_F(CVMDKGrainAllocatorTest, UncompressedSlotsStartOnGrainBoundaries) {
-    makeExtent(false);
-    kz::P<CVMDKGrainAllocator> allocator = makeAllocator(false, {}, kz::IIOStream::AccessReadWrite);
-    ASSERT_NE(metadataEnd % kGrainBytes, 0);
-    const std::vector<unsigned char> grain(kGrainBytes, 0x5a);
-    const long long first = allocator->allocNewGrain(3, grain.data(), kGrainBytes, kGrainSectors);
-    const long long alignedEnd = (metadataEnd + kGrainBytes - 1) / kGrainBytes * kGrainBytes;
-    EXPECT_EQ(first * 512, alignedEnd);
-    // The fill up to the boundary, then the grain; the next grain needs no fill.
-    ASSERT_EQ(stream->writes.size(), 2u);
-    EXPECT_EQ(stream->writes[0].sizeBytes, alignedEnd - metadataEnd);
-    stream->writes.clear();
-    const long long second = allocator->allocNewGrainKeepBuffer(
-        20, kz::TConstBufferSlice<unsigned char>(grain.data(), grain.size()), kGrainSectors);
-    EXPECT_EQ(second, first + kGrainSectors);
-    EXPECT_EQ(stream->writes.size(), 1u);
-
-    long long pos = 0;
-    long long slot = 0;
-    directory->getGrainInfo(3, pos, slot);
-    EXPECT_EQ(pos, first);
-    EXPECT_EQ(slot, kGrainSectors);
-    directory->getGrainInfo(20, pos, slot);
-    EXPECT_EQ(pos, second);
-}
-
 TEST_F(CVMDKGrainAllocatorTest, CompressedSlotsAreFilledWithZerosAndTheTrailMoves) {
     std::vector<unsigned char> trail(1536);
     for (size_t i = 0; i < trail.size(); ++i) {

@@ -15,7 +15,6 @@
 namespace {
 
 using harl::CVMDKGrainTable;
-using Write = harltest::CRecordingStream::CWrite;
 using harltest::thrownText;
 
 constexpr int kGrains = 8;
@@ -119,31 +118,6 @@ TEST_F(CVMDKGrainTableTest, SetGrainInfoChecksInOrderBeforeAnyChange) {
               "Invalid grain slot size - it does not fit a slot-size table entry (slot size: "
               "65536)");
     EXPECT_EQ(refusal(tracked, 1, 900, 3), "none");  // the values it holds
-}
-
-TEST_F(CVMDKGrainTableTest, FlushWritesOnlyWhatIsDirtyInOrder) {
-    kz::P<CVMDKGrainTable> table = open(true);
-    table->setGrainInfo(1, 900, 4);  // the slot length alone
-    table->flushChangesToStream();
-    EXPECT_EQ(stream->writes, (std::vector<Write>{{kSlots * 512, kGrains * 2}}));
-
-    stream->writes.clear();
-    table->setGrainInfo(3, 1000, 6);
-    table->flushChangesToStream();
-    EXPECT_EQ(stream->writes, (std::vector<Write>{{kTable * 512, kGrains * 4},
-                                                  {kRedundant * 512, kGrains * 4},
-                                                  {kSlots * 512, kGrains * 2}}));
-    // The redundant copy comes from memory: it now holds grain 1 too.
-    EXPECT_EQ(stream->getBuffer()[kRedundant * 512 + 4], 900 & 0xff);
-
-    stream->writes.clear();
-    stream->seek(17);
-    table->flushChangesToStream();  // clean: neither the file nor the position change
-    EXPECT_TRUE(stream->writes.empty());
-    EXPECT_EQ(stream->getPosition(), 17);
-
-    open(false, 3, 0)->setGrainInfo(0, 5, kGrainSectors);  // destroyed dirty: writes itself
-    EXPECT_EQ(stream->writes, (std::vector<Write>{{kTable * 512, kGrains * 4}}));
 }
 
 TEST_F(CVMDKGrainTableTest, FailedWritesStayDirtyAndTheDestructorSwallowsThem) {
