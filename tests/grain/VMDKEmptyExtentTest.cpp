@@ -6,17 +6,13 @@
 #include "harl/foundation/kz/CError.h"
 #include "harl/foundation/kz/CFaultInjectingFileSystem.h"
 #include "harl/foundation/kz/CFileSystemError.h"
-#include "harl/foundation/kz/CLocalFileSystem.h"
 #include "harl/foundation/kz/CMemoryFileSystem.h"
 #include "harl/grain/VMDKEmptyExtent.h"
 
 #include "tests/support/CLogCapture.h"
-#include "tests/support/CScratchFolder.h"
-#include "tests/support/QemuImg.h"
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
+#include <cstring>
 #include <tuple>
 
 namespace {
@@ -134,39 +130,6 @@ TEST(VMDKEmptyExtentTest, FailureDeletesTheHalfMadeFile) {
                   "extent.vmdk'). Deleting file and letting error through.: Internal error: "
                   "actual VMDK descriptor size exceeds target size"),
               0u);
-}
-
-TEST(VMDKEmptyExtentTest, QemuImgAcceptsNewExtents) {
-    HARL_SKIP_WITHOUT_QEMU_IMG();
-    harltest::CScratchFolder folder;
-    kz::P<kz::CLocalFileSystem> fs(new kz::CLocalFileSystem);
-    std::filesystem::resize_file(
-        (std::ofstream(folder.file("zeros.raw")), folder.file("zeros.raw")), 2048 * 65536);
-    for (bool compressed : {false, true}) {
-        const std::string name = compressed ? "packed.vmdk" : "plain.vmdk";
-        const std::string text =
-            "# Disk DescriptorFile\nversion=1\nCID=12345678\n"
-            "parentCID=ffffffff\ncreateType=\"monolithicSparse\"\n"
-            "RW 262144 SPARSE \"" +
-            name +
-            "\"\n"
-            "ddb.adapterType = \"ide\"\n";
-        kz::TBuffer<unsigned char> textBuffer;
-        textBuffer.assign(reinterpret_cast<const unsigned char*>(text.data()), text.size());
-        kz::P<CVMDKDescriptor> descriptor(new CVMDKDescriptor(textBuffer));
-        createEmptyVMDKSparseExtentFile(fs.get(), folder.uriOf(name), compressed, 2048, 128,
-                                        zeros(65536), descriptor.get(), 20,
-                                        kz::TBuffer<unsigned char>());
-        std::string output;
-        EXPECT_EQ(harltest::runQemuImg({"check", "-f", "vmdk", folder.file(name)}, &output), 0)
-            << output;
-        // An empty extent reads as zeros: equal to a raw image of zeros.
-        EXPECT_EQ(harltest::runQemuImg({"compare", "-f", "vmdk", "-F", "raw", folder.file(name),
-                                        folder.file("zeros.raw")},
-                                       &output),
-                  0)
-            << output;
-    }
 }
 
 }  // namespace
