@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 
 namespace {
 
@@ -73,12 +74,14 @@ TEST_F(CVMDKNullExtentFileTest, BoundsAndChangesFailWithTheirErrors) {
     EXPECT_EQ(thrownText<kz::CError>([&] { extent->makeGrainIndependentOfParent(0); }),
               "-1 Internal error: makeGrainIndependentOfParent" + refused);
     // Grains must fit an int and disk positions a long long.
-    for (auto [start, grain, size] : {std::tuple{0LL, (1LL << 22) - 1, 1LL},
-                                      {0, 1LL << 22, 1},
-                                      {1LL << 46, 128, 1LL << 53},
-                                      {0, 128, 1LL << 54},
-                                      {-1, 128, 1},
-                                      {0, 0, 1}}) {
+    for (const auto& geometry : {std::tuple{0LL, (1LL << 22) - 1, 1LL},
+                                 {0, 1LL << 22, 1},
+                                 {1LL << 46, 128, 1LL << 53},
+                                 {0, 128, 1LL << 54},
+                                 {-1, 128, 1},
+                                 {0, 0, 1}}) {
+        long long start = 0, grain = 0, size = 0;
+        std::tie(start, grain, size) = geometry;
         const std::string thrown = thrownText<kz::CInvalidArgError>([&] {
             CVMDKNullExtentFile(kz::CURI("file:///d/a%20hole.vmdk"), start, grain, size, 512, 0, 0,
                                 nullptr);
