@@ -118,6 +118,7 @@ TEST_F(CVMDKGrainTableTest, SetGrainInfoChecksInOrderBeforeAnyChange) {
               "Invalid grain slot size - it does not fit a slot-size table entry (slot size: "
               "65536)");
     EXPECT_EQ(refusal(tracked, 1, 900, 3), "none");  // the values it holds
+    tracked->setGrainInfo(1, 0, 3);                  // a position of 0 frees the grain
 }
 
 TEST_F(CVMDKGrainTableTest, FailedWritesStayDirtyAndTheDestructorSwallowsThem) {

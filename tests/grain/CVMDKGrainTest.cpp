@@ -380,13 +380,16 @@ TEST_F(CVMDKGrainFixture, PreparedGrainsMoveBetweenExtentsWithOtherKeys) {
         EXPECT_EQ(back.allocator->calls.size(), 2u);
         EXPECT_EQ(readGrain(*home, back, 1, 4), text);
     }
-    // A short uncompressed prepared grain is the grain's start; the rest reads as zeros.
+    // A short uncompressed prepared grain is the grain's start; the rest reads as zeros, also
+    // behind a longer one before it.
     kz::P<CVMDKGrain> sealed = makeGrain(extent, {false, true});
-    sealed->open(0, 0, 0, 0);
     Buffer start;
-    start.assign(fsData.data(), 100);
-    sealed->writePreparedGrainData(start);
-    sealed->close();
+    for (size_t length : {1000, 100}) {
+        sealed->open(0, 0, 0, 0);
+        start.assign(fsData.data(), length);
+        sealed->writePreparedGrainData(start);
+        sealed->close();
+    }
     EXPECT_EQ(readGrain(*sealed, extent, 0, 0),
               grainOf(Bytes(fsData.begin(), fsData.begin() + 100)));
 }
@@ -409,6 +412,11 @@ TEST_F(CVMDKGrainFixture, ErrorsCarryTheirTextsAndProperties) {
                                      std::to_string(sectors));
     }
     kz::P<CVMDKGrain> grain = makeGrain(extent, {true, true});
+    EXPECT_EQ(grain->getPosition(), 0);
+    Buffer prepared(1);
+    EXPECT_EQ(thrownText<kz::CError>([&] { grain->readPreparedGrainData(prepared); }),
+              "-1 Internal error: CVMDKGrain::readPreparedGrainData was called, but no grain is "
+              "open.");
     const std::string uri = "[uri=file:///d/grain.vmdk";
     EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { grain->open(0, 0, 3, 0); }),
               "-1 CVMDKGrain::open: Invalid slot size for allocated compressed grain: 0 sectors");
@@ -428,7 +436,6 @@ TEST_F(CVMDKGrainFixture, ErrorsCarryTheirTextsAndProperties) {
               "3 Cannot write 2 bytes to grain. Grain size exceeded. " + uri + "]");
     const std::string notAtZero = " can only be called when the position in the grain is 0. " +
                                   uri + ", posInGrain=65535, diskGrainIndex=6, extentGrainIndex=0";
-    Buffer prepared(1);
     EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->readPreparedGrainData(prepared); }),
               "3 CVMDKGrain::tryReadPreparedGrainData" + notAtZero + "]");
     prepared.setUsed(1);
