@@ -44,34 +44,6 @@ struct CVMDKGrainTableCacheTest : ::testing::Test {
     kz::P<harltest::CRecordingStream> stream{new harltest::CRecordingStream};
 };
 
-TEST_F(CVMDKGrainTableCacheTest, EvictionAfterHitsWritesDirtyTablesThroughTheirDestructor) {
-    kz::P<CVMDKGrainTableCache> cache(new CVMDKGrainTableCache(2));
-    put(*cache, kDirA, 0, 1);
-    put(*cache, kDirB, 0, 2, false);  // the same index under another directory
-    EXPECT_EQ(cache->getCachedTableCount(), 2);
-    EXPECT_NE(cache->getCachedTable(kDirA, 0), cache->getCachedTable(kDirB, 0));
-    EXPECT_NE(cache->getCachedTable(kDirB, 0), nullptr);  // B's is now the newer
-    put(*cache, kDirA, 1, 3, false);
-    EXPECT_EQ(writtenSectors(), std::vector<long long>{1});
-    EXPECT_EQ(cache->getCachedTable(kDirA, 0), nullptr);
-
-    // A holder keeps an evicted table, and its changes, until it lets go.
-    kz::P<CVMDKGrainTable> held = cache->getCachedTable(kDirB, 0);
-    held->setGrainInfo(1, 44, kGrainSectors);
-    put(*cache, kDirA, 2, 4, false);
-    put(*cache, kDirA, 3, 5, false);
-    EXPECT_EQ(writtenSectors(), std::vector<long long>{1});
-    held = nullptr;
-    EXPECT_EQ(writtenSectors(), (std::vector<long long>{1, 2}));
-
-    // A limit of 0 drops each table as it is stored; a copy is the same cache.
-    kz::P<CVMDKGrainTableCache> none(new CVMDKGrainTableCache(0));
-    put(*none, kDirA, 0, 6);
-    EXPECT_EQ(writtenSectors(), (std::vector<long long>{1, 2, 6}));
-    CVMDKGrainTableCache(*cache).clear();
-    EXPECT_EQ(cache->getCachedTableCount() + none->getCachedTableCount(), 0);
-}
-
 TEST_F(CVMDKGrainTableCacheTest, FlushAndRemovalTouchOneDirectoryOnly) {
     kz::P<CVMDKGrainTableCache> cache(new CVMDKGrainTableCache(3));
     cache->setAutoEnforceLimit(false);
