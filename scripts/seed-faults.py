@@ -15,11 +15,14 @@ survived, or not compiled. The score is killed / (killed + survived).
 
     python3 scripts/seed-faults.py --seed 1 --count 120 foundation format descriptor grain extent
     python3 scripts/seed-faults.py --list --seed 1 --count 20 grain/CVMDKGrain.cpp
+    python3 scripts/seed-faults.py --every-test --up-to extent --seed 1 --count 60 grain
     python3 scripts/seed-faults.py --share
+
+Survivors judged to change nothing are listed, with their reasons, in
+scripts/equivalent-faults.txt; the score is then given a second time without them.
 """
 
 import argparse
-import os
 import random
 import re
 import shutil
