@@ -10,6 +10,7 @@ packages=(
     clang libclang-rt-dev
     qemu-utils e2fsprogs
     libcli11-dev nlohmann-json3-dev time
+    python3
 )
 
 missing=()

@@ -5,6 +5,7 @@
 #include "harl/foundation/kz/CIOError.h"
 
 #include "tests/support/CLogCapture.h"
+#include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -133,15 +134,12 @@ TEST(CVMDKDescriptorAccessorTest, FullStandaloneFileCannotGrowAndReadersCannotWr
 
     kz::P<CVMDKDescriptorAccessor> reader(
         new CVMDKDescriptorAccessor(file.get(), kz::IIOStream::AccessRead));
-    try {
-        reader->changeContentID();
-        FAIL();
-    } catch (const kz::CError& error) {
-        EXPECT_EQ(error.getMessage(),
-                  "Internal error: CVMDKDescriptorAccessor::changeContentID was called, but the "
-                  "accessor was not opened for writing.");
-    }
-    EXPECT_THROW(reader->storeDescriptor(false), kz::CError);
+    EXPECT_EQ(harltest::thrownText<kz::CError>([&] { reader->changeContentID(); }),
+              "-1 Internal error: CVMDKDescriptorAccessor::changeContentID was called, but the "
+              "accessor was not opened for writing.");
+    EXPECT_EQ(harltest::thrownText<kz::CError>([&] { reader->storeDescriptor(false); }),
+              "-1 Internal error: CVMDKDescriptorAccessor::storeDescriptor was called, but the "
+              "accessor was not opened for writing.");
 }
 
 TEST(CVMDKDescriptorAccessorTest, NewContentIDIsNeverTheOldOneNorReserved) {

@@ -78,9 +78,20 @@ TEST(CVMDKDescriptorTest, LookupsIgnoreCaseAndTheFirstLineWins) {
     EXPECT_TRUE(value.isEmpty());
     EXPECT_EQ(harltest::thrownText<kz::CError>([&] { descriptor->getValue("nope"); }),
               "-1 VMDK descriptor value 'nope' not found.");
-    // Malformed and out-of-range numbers reach the caller.
+    // Malformed and out-of-range numbers reach the caller; content IDs fill 32 bits, and only
+    // the parent's may stand between blanks.
     EXPECT_THROW(parse("version=1x\n")->getVersion(), kz::CError);
-    EXPECT_THROW(parse("CID=100000000\n")->getContentID(), kz::CError);
+    for (const std::string key : {"CID", "parentCID"}) {
+        const auto read = [&](const std::string& value) {
+            kz::P<CVMDKDescriptor> d = parse(key + "=" + value + "\n");
+            return key == "CID" ? d->getContentID() : d->getParentContentID();
+        };
+        EXPECT_EQ(read("ffffffff"), 0xffffffffu);
+        EXPECT_EQ(harltest::thrownText<kz::CError>([&] { read("100000000"); }),
+                  "-1 VMDK descriptor value '" + key + "' is out of range. [value=100000000]");
+        EXPECT_EQ(harltest::thrownText<kz::CError>([&] { read("\" 1f \""); }) == "nothing thrown",
+                  key == "parentCID");
+    }
 }
 
 TEST(CVMDKDescriptorTest, KeyTableSettersPlaceLinesAndGettersReadThem) {
@@ -90,20 +101,29 @@ TEST(CVMDKDescriptorTest, KeyTableSettersPlaceLinesAndGettersReadThem) {
     EXPECT_FALSE(descriptor->getKzCreateExtentFilesOnDemand());
 
     descriptor->setContentID(0x0a0b);
+    descriptor->setParentContentID(0xfe);
     descriptor->setAdapterType("lsilogic");
     descriptor->setParentFileNameHint("p.vmdk");
     descriptor->setKzCreateExtentFilesOnDemand(true);
     descriptor->setKzEncryptionIV(bytesOf("\x01\xab"));
+    descriptor->setKzEncryptionAlgorithm("aes256cbc");
+    descriptor->setKzEncryptionKeyDerivationAlgorithm("pbkdf2");
+    descriptor->setKzEncryptionKeyDerivationSalt(bytesOf("\x02"));
+    descriptor->setKzEncryptionKeyHash(bytesOf("\x03\xff"));
+    descriptor->setKzEncryptionKeyHashAlgorithm("sha256");
+    descriptor->setKzEncryptedEncryptionKey(bytesOf("\x04"));
     descriptor->setGeometryCylinders(1024);
     descriptor->addGenericLine("# tail", false);
     descriptor->addGenericLine("# head", true);
     descriptor->addExtentEntry(new CVMDKExtentInfo("RW", 8, "SPARSE", "c", 5));
     // An existing key keeps its place, spelling and quoting whatever the flags say.
     descriptor->setValue("VERSION", "2", true, false);
-    EXPECT_EQ(descriptor->getHeaderInsertIndex(), 7);
+    EXPECT_EQ(descriptor->getHeaderInsertIndex(), 14);
     EXPECT_EQ(descriptor->toString(),
-              "# Disk\nversion=2\nCID=a0b\nparentFileNameHint=\"p.vmdk\"\n"
-              "kzCreateExtentFilesOnDemand=\"true\"\nkzEncIV=01ab\n# head\n# Extents\n"
+              "# Disk\nversion=2\nCID=a0b\nparentCID=fe\nparentFileNameHint=\"p.vmdk\"\n"
+              "kzCreateExtentFilesOnDemand=\"true\"\nkzEncIV=01ab\nkzEncAlg=aes256cbc\n"
+              "kzEncKeyDerivAlg=pbkdf2\nkzEncKeyDerivSalt=02\nkzEncKeyHash=03ff\n"
+              "kzEncKeyHashAlg=sha256\nkzEncEncKey=04\n# head\n# Extents\n"
               "RW 8 SPARSE \"a\"\nRW 8 SPARSE \"b\"\nRW 8 SPARSE \"c\" 5\n# DDB\n"
               "ddb.adapterType = \"lsilogic\"\nddb.geometry.cylinders = \"1024\"\n# tail\n");
 
@@ -111,11 +131,19 @@ TEST(CVMDKDescriptorTest, KeyTableSettersPlaceLinesAndGettersReadThem) {
     EXPECT_EQ(read->getContentID(), 0xa0bu);
     EXPECT_TRUE(read->getKzCreateExtentFilesOnDemand());
     EXPECT_TRUE(read->getKzEncryptionIV() == bytesOf("\x01\xab"));
+    EXPECT_EQ(read->getKzEncryptionAlgorithm(), "aes256cbc");
+    EXPECT_EQ(read->getKzEncryptionKeyDerivationAlgorithm(), "pbkdf2");
+    EXPECT_TRUE(read->getKzEncryptionKeyDerivationSalt() == bytesOf("\x02"));
+    EXPECT_TRUE(read->getKzEncryptionKeyHash() == bytesOf("\x03\xff"));
+    EXPECT_EQ(read->getKzEncryptionKeyHashAlgorithm(), "sha256");
+    EXPECT_TRUE(read->getKzEncryptedEncryptionKey() == bytesOf("\x04"));
 
     // Without an extent line, a new one goes to the end.
     kz::P<CVMDKDescriptor> plain = parse("a=1\n# x\n");
     plain->addExtentEntry(new CVMDKExtentInfo("RW", 1, "SPARSE", "d", -1));
-    EXPECT_EQ(plain->toString(), "a=1\n# x\nRW 1 SPARSE \"d\"\n");
+    plain->setVersion(3);
+    EXPECT_EQ(plain->toString(), "a=1\nversion=3\n# x\nRW 1 SPARSE \"d\"\n");
+    EXPECT_EQ(plain->getKzEncryptionAlgorithm(), "");  // absent: not encrypted
 }
 
 TEST(CVMDKDescriptorTest, CopySharesEntriesAndAssignmentClonesThem) {

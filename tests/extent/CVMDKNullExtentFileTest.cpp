@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 
 namespace {
 
@@ -20,9 +21,9 @@ using Calls = std::vector<std::string>;
 class CVMDKNullExtentFileTest : public ::testing::Test {
 protected:
     kz::P<CRecordingDataProvider> provider{new CRecordingDataProvider};
-    kz::P<CVMDKNullExtentFile> extent{new CVMDKNullExtentFile(kz::CURI("file:///d/hole.vmdk"), 3, 2,
-                                                              5, 512, true, 6, provider.get())};
-    const std::string uri = "[uri=file:///d/hole.vmdk";
+    kz::P<CVMDKNullExtentFile> extent{new CVMDKNullExtentFile(
+        kz::CURI("file:///d/a%20hole.vmdk"), 3, 2, 5, 512, true, 6, provider.get())};
+    const std::string uri = "[uri=file:///d/a hole.vmdk";
 };
 
 TEST_F(CVMDKNullExtentFileTest, AsksTheProviderAtDiskPositionsOrAnswersAsAnEmptyHole) {
@@ -72,11 +73,27 @@ TEST_F(CVMDKNullExtentFileTest, BoundsAndChangesFailWithTheirErrors) {
               "-1 Internal error: writePreparedGrainData" + refused);
     EXPECT_EQ(thrownText<kz::CError>([&] { extent->makeGrainIndependentOfParent(0); }),
               "-1 Internal error: makeGrainIndependentOfParent" + refused);
-    // Geometry whose disk positions would overflow.
-    EXPECT_NE(thrownText<kz::CInvalidArgError>([] {
-                  CVMDKNullExtentFile(kz::CURI(), 1LL << 46, 128, 1LL << 53, 512, 0, 0, nullptr);
-              }),
-              "nothing thrown");
+    // Grains must fit an int and disk positions a long long.
+    for (const auto& geometry : {std::tuple{0LL, (1LL << 22) - 1, 1LL},
+                                 {0, 1LL << 22, 1},
+                                 {1LL << 46, 128, 1LL << 53},
+                                 {0, 128, 1LL << 54},
+                                 {-1, 128, 1},
+                                 {0, 0, 1}}) {
+        long long start = 0, grain = 0, size = 0;
+        std::tie(start, grain, size) = geometry;
+        const std::string thrown = thrownText<kz::CInvalidArgError>([&] {
+            CVMDKNullExtentFile(kz::CURI("file:///d/a%20hole.vmdk"), start, grain, size, 512, 0, 0,
+                                nullptr);
+        });
+        const std::string expected =
+            grain == (1LL << 22) - 1
+                ? "nothing thrown"
+                : "-1 CVMDKNullExtentFile::CVMDKNullExtentFile: Invalid VMDK null extent "
+                  "geometry. " +
+                      uri + ", startGrainIndex=" + std::to_string(start) + ",";
+        EXPECT_EQ(thrown.substr(0, expected.size()), expected) << grain << " " << size;
+    }
 }
 
 TEST_F(CVMDKNullExtentFileTest, PreparedReadsTestSizeBeforeBoundary) {

@@ -6,10 +6,12 @@
 #include "harl/foundation/kz/CIOError.h"
 #include "harl/foundation/kz/CInvalidArgError.h"
 #include "harl/foundation/kz/CLocalFileSystem.h"
+#include "harl/foundation/kz/CMemoryFile.h"
 #include "harl/foundation/kz/CMemoryFileSystem.h"
 #include "harl/foundation/vesk/CCipher_AES256CBC.h"
 #include "harl/foundation/vesk/CDigestType_SHA256.h"
 #include "harl/foundation/vesk/IDigest.h"
+#include "harl/grain/CVMDKDataPreparer.h"
 #include "harl/grain/CVMDKGrainTableCache.h"
 #include "harl/grain/VMDKEmptyExtent.h"
 
@@ -73,13 +75,13 @@ protected:
         makeFile(uri);
     }
 
-    void makeFile(const kz::CURI& where) {
+    void makeFile(const kz::CURI& where, long long grains = kGrains) {
         const std::string text =
             "# Disk DescriptorFile\nversion=1\nCID=abcdef01\n"
             "parentCID=ffffffff\ncreateType=\"monolithicSparse\"\n"
             "RW 5120 SPARSE \"e.vmdk\"\n";
         kz::P<CVMDKDescriptor> descriptor(new CVMDKDescriptor(bufferOf(text)));
-        createEmptyVMDKSparseExtentFile(fs.get(), where, compressed(), kGrains, 128, zeros(65536),
+        createEmptyVMDKSparseExtentFile(fs.get(), where, compressed(), grains, 128, zeros(65536),
                                         descriptor.get(), 20,
                                         encrypted() ? sha256(key) : kz::TBuffer<unsigned char>());
     }
@@ -442,6 +444,181 @@ TEST_F(CVMDKSparseExtentQemuTest, QemuImgReadsWhatWeWrite) {
                                        &output),
                   0)
             << name << ": " << output;
+    }
+}
+
+// Prepared grains through the extent, in every form: stored as given, read from memory, from
+// the file and for grains the extent does not hold, each leaving the position at its grain's
+// end, so that a run of them fills a run of grains.
+TEST_P(CVMDKSparseExtentFileTest, PreparedGrainsRoundTripAndAdvanceGrainByGrain) {
+    kz::P<CVMDKSparseExtentFile> extent = open(kz::IIOStream::AccessReadWrite);
+    const kz::P<CVMDKDataPreparer> preparer = extent->createDataPreparer();
+    using Buffer = kz::TBuffer<unsigned char>;
+    const auto prepare = [&](const Bytes& plain, long long grainIndex) {
+        kz::P<Buffer> source(new Buffer), aux(new Buffer);
+        source->assign(plain.data(), plain.size());
+        return Buffer(*preparer->prepareGrainData(source.get(), grainIndex, aux.get()));
+    };
+    const auto plainOf = [&](const Buffer& prepared) {
+        kz::P<Buffer> source(new Buffer(prepared)), aux(new Buffer);
+        const kz::P<Buffer> plain = preparer->unprepareGrainData(source.get(), aux.get());
+        return Bytes(plain->getData(), plain->getData() + plain->getUsed());
+    };
+    std::vector<Bytes> grains;
+    for (unsigned seed = 0; seed < 5; ++seed) {
+        grains.push_back(harltest::makeFileSystemLikeData(kGrainBytes, 20 + seed));
+    }
+    extent->seek(2 * kGrainBytes);
+    extent->writePreparedGrainData(prepare(grains[2], 2));
+    EXPECT_EQ(extent->getPosition(), 3 * kGrainBytes);
+    extent->writePreparedGrainData(prepare(grains[3], 3));
+    EXPECT_EQ(extent->getPosition(), 4 * kGrainBytes);
+
+    // Grain 0, dirty and read in memory, then replaced by prepared data in the same open grain.
+    Buffer prepared;
+    extent->seek(0);
+    extent->write(grains[0].data(), kGrainBytes);
+    extent->seek(0);
+    extent->readPreparedGrainData(prepared);
+    EXPECT_EQ(plainOf(prepared), grains[0]);
+    extent->seek(0);
+    extent->writePreparedGrainData(prepare(grains[1], 0));
+    extent->seek(0);
+    extent->readPreparedGrainData(prepared);
+    EXPECT_EQ(plainOf(prepared), grains[1]);
+
+    // A refused prepared write keeps the grain's unflushed bytes and the position.
+    extent->seek(4 * kGrainBytes + 100);
+    extent->write(grains[4].data(), 1000);
+    extent->seek(4 * kGrainBytes);
+    Buffer bad = prepare(grains[4], 4);
+    bad.setUsed(compressed() ? 12 : kGrainBytes + 1);
+    EXPECT_EQ(harltest::thrownText<kz::CIOError>([&] { extent->writePreparedGrainData(bad); })[0],
+              '5');
+    EXPECT_EQ(extent->getPosition(), 4 * kGrainBytes);
+    extent->seek(kGrains * kGrainBytes - 5);
+    EXPECT_EQ(harltest::thrownText<kz::CIOError>([&] { extent->writePreparedGrainData(bad); }),
+              "3 Prepared grain write exceeds VMDK extent size. [uri=file:///d/e.vmdk, "
+              "position=2621435, grainSize=65536, extentSize=2621440]");
+    EXPECT_EQ(harltest::thrownText<kz::CIOError>([&] { extent->write(bad.getData(), 6); }),
+              "3 Write exceeded VMDK extent size. [uri=file:///d/e.vmdk, position=2621435, "
+              "bytesToWrite=6]");
+    extent->seek(kGrains * kGrainBytes);  // the end itself is a position
+    EXPECT_EQ(extent->getPosition(), kGrains * kGrainBytes);
+    EXPECT_EQ(extent->makeGrainIndependentOfParent(7), 0);  // without a parent: nothing to do
+    EXPECT_EQ(extent->getPosition(), 8 * kGrainBytes);
+
+    extent = nullptr;
+    extent = open(kz::IIOStream::AccessRead);
+    Bytes partial(kGrainBytes, 0);
+    std::copy(grains[4].begin(), grains[4].begin() + 1000, partial.begin() + 100);
+    grains[4] = partial;
+    grains[0] = grains[1];
+    grains[1] = Bytes(kGrainBytes, 0);
+    for (long long index = 0; index < 5; ++index) {
+        extent->seek(index * kGrainBytes);
+        extent->readPreparedGrainData(prepared);
+        EXPECT_EQ(plainOf(prepared), grains[index]) << index;
+        EXPECT_EQ(extent->getPosition(), (index + 1) * kGrainBytes);
+        Bytes back(kGrainBytes);
+        extent->seek(index * kGrainBytes);
+        extent->read(back.data(), kGrainBytes);
+        EXPECT_EQ(back, grains[index]) << index;
+        if (compressed()) {  // the lba of the grain, also for one not stored
+            EXPECT_EQ(prepared[1] * 256 + prepared[0], index * 128) << index;
+        }
+    }
+}
+
+// Extents of many grain tables, in memory: the slot directory grows to a second sector at 129
+// tables, every table is reached through both directories, and a compressed extent that grew
+// ends with the trail of a new one again.
+TEST_P(CVMDKSparseExtentFileTest, ExtentsOfManyTablesKeepDirectoriesSlotsAndTrail) {
+    const auto dataOf = [](long long grain) {
+        return harltest::makeFileSystemLikeData(kGrainBytes, static_cast<unsigned>(grain));
+    };
+    for (long long tables : {1, 103, 128, 129}) {
+        fs = new kz::CMemoryFileSystem;
+        makeFile(uri, tables * 512);
+        const kz::TBuffer<unsigned char> fresh = fs->getFile(uri)->getContent();
+        const std::vector<long long> written = {0, tables * 256, tables * 512 - 1};
+        {
+            kz::P<CVMDKSparseExtentFile> extent = open(kz::IIOStream::AccessReadWrite);
+            for (long long grain : written) {
+                extent->seek(grain * kGrainBytes);
+                extent->write(dataOf(grain).data(), kGrainBytes);
+            }
+        }
+        const kz::TBuffer<unsigned char>& file = fs->getFile(uri)->getContent();
+        const long long length = static_cast<long long>(file.getUsed());
+        const auto at = [&](long long byte) {
+            unsigned int value = 0;
+            std::memcpy(&value, file.getData() + byte, 4);  // the host is little-endian
+            return static_cast<long long>(value);
+        };
+        for (long long grain : written) {  // through the directories the header names
+            const auto entry = [&](long long directory) {
+                return at(at(directory * 512 + grain / 512 * 4) * 512 + grain % 512 * 4);
+            };
+            EXPECT_NE(entry(at(56)), 0) << tables << " " << grain;
+            EXPECT_EQ(entry(at(48)), entry(at(56)));
+        }
+        if (compressed()) {
+            EXPECT_EQ(std::memcmp(file.getData() + length - 1536,
+                                  fresh.getData() + fresh.getUsed() - 1536, 1536),
+                      0);
+        }
+        harltest::CLogCapture log;
+        kz::P<CVMDKSparseExtentFile> extent = open(kz::IIOStream::AccessRead);
+        for (long long grain : written) {
+            Bytes back(kGrainBytes);
+            extent->seek(grain * kGrainBytes);
+            extent->read(back.data(), kGrainBytes);
+            EXPECT_EQ(back, dataOf(grain));
+        }
+        // All behind the metadata is grains, and with compression the trail; a disk sums this.
+        const kz::P<CVMDKSpaceInfo> space = extent->gatherSpaceInfo();
+        EXPECT_EQ(space->getPayloadSize(), 3 * kGrainBytes);
+        EXPECT_EQ(space->getHeaderSize(), at(64) * 512);
+        EXPECT_EQ(space->getDeadSpaceSize(), compressed() ? 1536 : 0);
+        EXPECT_EQ(
+            space->getHeaderSize() + space->getPayloadSizeInFile() + space->getDeadSpaceSize(),
+            length);
+        kz::P<CVMDKSpaceInfo> sum(new CVMDKSpaceInfo);
+        sum->addSpaceInfo(*space);
+        sum->addSpaceInfo(*space);
+        EXPECT_EQ(sum->getPayloadSize() + sum->getPayloadSizeInFile() + sum->getHeaderSize() +
+                      sum->getDeadSpaceSize(),
+                  2 * (3 * kGrainBytes + length));
+        EXPECT_TRUE(log.getLines().empty());
+    }
+}
+
+// A header that claims more overhead than the file holds makes no negative dead space; the
+// claim is cut where capacities are, so that the product cannot overflow.
+TEST_P(CVMDKSparseExtentFileTest, SpaceAccountingClampsAHostileOverhead) {
+    std::memset(fs->getFile(uri)->getContent().getData() + 64, 0xff, 8);
+    harltest::CLogCapture log;
+    const kz::P<CVMDKSpaceInfo> space = open(kz::IIOStream::AccessRead)->gatherSpaceInfo();
+    EXPECT_EQ(space->getHeaderSize(), (1LL << 52) * 512);
+    EXPECT_EQ(space->getDeadSpaceSize(), 0);
+    const std::vector<kz::String> warnings = log.messages(kz::LogLevel::Warning);
+    ASSERT_FALSE(warnings.empty());
+    EXPECT_TRUE(warnings.back().startsWith(
+        "Calculated negative dead space value for VMDK extent file 'file:///d/e.vmdk' "
+        "(deadSpace: -2305843009213"));
+}
+
+// The ceilings of the geometry are still a geometry; the capacity then fails on the directory
+// that cannot fit in the file.
+TEST_F(CVMDKSparseExtentOpeningTest, AcceptsTheCeilingsOfItsGeometry) {
+    const auto field = [](int offset, unsigned long long value) {
+        return [=](unsigned char* h) { std::memcpy(h + offset, &value, 8); };  // little-endian
+    };
+    EXPECT_EQ(openingError(field(20, 16384)), "opened");  // grains of 8 MiB
+    EXPECT_EQ(openingError(field(12, 1ULL << 52)), "4 Unexpected end of data [uri=file:///o.vmdk]");
+    for (const auto& poke : {field(20, 16385), field(12, (1ULL << 52) + 1)}) {
+        EXPECT_EQ(openingError(poke).rfind("5 VMDK sparse header has an invalid geometry.", 0), 0u);
     }
 }
 

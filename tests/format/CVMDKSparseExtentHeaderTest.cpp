@@ -3,9 +3,6 @@
 #include "harl/foundation/kz/CIOError.h"
 #include "harl/foundation/kz/CInvalidArgError.h"
 
-#include "tests/support/CScratchFolder.h"
-#include "tests/support/QemuImg.h"
-#include "tests/support/TestFiles.h"
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -129,29 +126,6 @@ TEST(CVMDKSparseExtentHeaderTest, FlagsDecideWhatIsReadAndReservedBytesSurvive) 
     EXPECT_EQ(extended[85], 1);
     EXPECT_EQ(extended[89], 4);
     EXPECT_EQ(extended[511], 0);
-}
-
-TEST(CVMDKSparseExtentHeaderTest, LoadsHeadersOfQemuImg) {
-    HARL_SKIP_WITHOUT_QEMU_IMG();
-    harltest::CScratchFolder folder;
-    harltest::createQemuVMDK(folder.file("sparse.vmdk"), "monolithicSparse", 100 << 20);
-    harltest::createQemuVMDK(folder.file("stream.vmdk"), "streamOptimized", 100 << 20);
-
-    const Bytes bytes = harltest::readFilePart(folder.file("sparse.vmdk"), 0, 512);
-    kz::P<CVMDKSparseExtentHeader> header = loadHeader(bytes);
-    EXPECT_EQ(header->getVersion(), 1u);
-    EXPECT_EQ(header->getFlags(), 0x3u);
-    EXPECT_EQ(header->getCapacitySectors(), 204800u);
-    EXPECT_EQ(header->getGrainSizeSectors(), 128u);
-    EXPECT_EQ(header->getDescriptorOffsetSectors(), 1u);
-    EXPECT_EQ(header->getGrainTableEntryCount(), 512u);
-    EXPECT_GT(header->getRedundantGrainDirectoryOffsetSectors(), 0u);
-    EXPECT_TRUE(storeHeader(*header) == bytes);
-
-    header = loadHeader(harltest::readFilePart(folder.file("stream.vmdk"), 0, 512));
-    EXPECT_EQ(header->getVersion(), 3u);
-    EXPECT_EQ(header->getFlags(), 0x30003u);
-    EXPECT_EQ(header->getCompressAlgorithm(), 1);
 }
 
 }  // namespace

@@ -46,6 +46,7 @@ TEST(CDigestType_SHA256Test, RefusesCallsOutOfOrder) {
     EXPECT_THROW(digest->getData(), kz::CError);
     EXPECT_THROW(digest->update(nullptr, 1), kz::CInvalidArgError);
     EXPECT_THROW(digest->update("x", -1), kz::CInvalidArgError);
+    digest->update(nullptr, 0);  // nothing, from nowhere
     digest->finish();
     EXPECT_TRUE(digest->isFinished());
     EXPECT_THROW(digest->update("x", 1), kz::CError);

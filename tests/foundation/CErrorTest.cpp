@@ -21,6 +21,9 @@ TEST(CErrorTest, WhatShowsMessageDetailPropertiesInOrderAndCause) {
     EXPECT_EQ(error.getCode(), 7);
     EXPECT_EQ(error.getProps().getKey(0), "zeta");
     EXPECT_EQ(error.getProps().getKey(1), "alpha");
+    // Look-ups by key find any place; a missing key is empty.
+    EXPECT_EQ(error.getProps().get("alpha") + error.getProps().get("beta"), "2");
+    EXPECT_TRUE(error.getProps().has("alpha") && !error.getProps().has("beta"));
     EXPECT_EQ(cause.getCode(), 4);
 
     const kz::CError bare("Internal error: x");

@@ -21,7 +21,9 @@ TEST(CFaultInjectingFileSystemTest, FailsTheNamedOperationOnce) {
     P<kz::CFaultInjectingFileSystem> fs(new kz::CFaultInjectingFileSystem(memory.get()));
     fs->failOperation(2, false);
     P<IIOStream> stream = fs->open(kFile, IIOStream::AccessReadWrite, 0);
+    EXPECT_FALSE(fs->hasFailed());
     EXPECT_THROW(stream->write("ab", 2, nullptr), kz::CFileSystemError);
+    EXPECT_TRUE(fs->hasFailed());
     EXPECT_EQ(stream->getLength(), 0);  // the failed write never reached the file
     stream->write("ab", 2, nullptr);
     EXPECT_EQ(fs->getOperationCount(), 3);

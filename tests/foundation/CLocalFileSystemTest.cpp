@@ -14,9 +14,9 @@ using kz::IIOStream;
 TEST(CLocalFileSystemTest, TakesOnlyLocalFileURIsWithTheirDecodedPath) {
     harltest::CScratchFolder folder;
     kz::P<kz::IFileSystem> fs(new kz::CLocalFileSystem);
-    EXPECT_EQ(thrownText<kz::CFileSystemError>([&] { fs->exists(kz::CURI("http://h/x")); }),
+    EXPECT_EQ(thrownText<kz::CFileSystemError>([&] { fs->exists(kz::CURI("http://h/x%20y")); }),
               "-1 File system error 6: The local file system cannot reach this URI: not a "
-              "\"file:\" URI [uri=http://h/x]");
+              "\"file:\" URI [uri=http://h/x y]");
     for (const char* text : {"file://elsewhere/tmp/x", "x.vmdk", "file:x"}) {
         EXPECT_EQ(thrownText<kz::CFileSystemError>([&] {
                       fs->exists(kz::CURI(text));

@@ -191,6 +191,8 @@ TEST(COptimizingIOStreamTest, FailedWriteBackStaysDirtyAndErrorsPassThrough) {
     stream->close();
     EXPECT_EQ(contentOf(*raw), back);
     EXPECT_THROW(stream->read(back.data(), 1), kz::CIOError);
+    EXPECT_THROW(stream->write(back.data(), 1, nullptr), kz::CIOError);
+    EXPECT_THROW(stream->waitReadable(0), kz::CIOError);
 
     // A stream dropped without close still writes back what it buffered.
     P<CRecordingStream> second(new CRecordingStream);

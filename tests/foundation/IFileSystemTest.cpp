@@ -22,16 +22,17 @@ using kz::P;
 struct CLocal {
     harltest::CScratchFolder folder;
     P<kz::IFileSystem> fs{new kz::CLocalFileSystem};
-    kz::CURI uri = folder.uriOf("a");
+    kz::CURI uri = folder.uriOf("a%20b");
 };
 
 struct CMemory {
     P<kz::IFileSystem> fs{new kz::CMemoryFileSystem};
-    kz::CURI uri{"mem:///t/a"};
+    kz::CURI uri{"mem:///t/a%20b"};
 };
 
 // The problem of a CFileSystemError or the code of a CIOError that `call` throws; -1 when
-// nothing is thrown. A CFileSystemError must name the file.
+// nothing is thrown. A CFileSystemError must name the file, and any error that names it must
+// name it readably.
 template <class F>
 int failureOf(F call, const kz::CURI& uri) {
     try {
@@ -40,6 +41,8 @@ int failureOf(F call, const kz::CURI& uri) {
         EXPECT_EQ(error.getProps().get("uri"), uri.toString(true));
         return error.getProblem();
     } catch (const CIOError& error) {
+        EXPECT_EQ(error.getProps().get("uri"),
+                  error.getProps().has("uri") ? uri.toString(true) : "");
         return error.getCode();
     }
     return -1;
@@ -99,10 +102,10 @@ TYPED_TEST(IFileSystemTest, ReadsWritesSeeksAndSetsLength) {
 
     char bytes[8];
     stream->seek(6);
-    EXPECT_EQ(failureOf([&] { stream->read(bytes, 4); }, {}), CIOError::EndOfData);
+    EXPECT_EQ(failureOf([&] { stream->read(bytes, 4); }, this->k.uri), CIOError::EndOfData);
     stream->seek(100);
     EXPECT_EQ(stream->readLax(bytes, 4), 0);
-    EXPECT_EQ(failureOf([&] { stream->seek(-1); }, {}), CIOError::BadSeek);
+    EXPECT_EQ(failureOf([&] { stream->seek(-1); }, this->k.uri), CIOError::BadSeek);
     EXPECT_THROW(stream->setLength(-1), kz::CInvalidArgError);
     EXPECT_THROW(stream->lockRange(-1, 1, IStreamBase::LockShared), kz::CInvalidArgError);
 }

@@ -29,16 +29,24 @@ TEST(KeyDerivationTest, PBKDF2MatchesThePublishedVectors) {
     expectKey("", "", 1, "1e437a1c79d75be61e91141dae20affc4892cc99");
 }
 
-TEST(KeyDerivationTest, RefusesBadArguments) {
-    unsigned char key[20];
-    EXPECT_THROW(vesk::deriveKey_PKCS5_PBKDF2_HMAC_SHA1("p", 1, "s", 1, 0, 20, key),
-                 kz::CInvalidArgError);
-    EXPECT_THROW(vesk::deriveKey_PKCS5_PBKDF2_HMAC_SHA1("p", -1, "s", 1, 1, 20, key),
-                 kz::CInvalidArgError);
-    EXPECT_THROW(vesk::deriveKey_PKCS5_PBKDF2_HMAC_SHA1("p", 1, nullptr, 1, 1, 20, key),
-                 kz::CInvalidArgError);
-    EXPECT_THROW(vesk::deriveKey_PKCS5_PBKDF2_HMAC_SHA1("p", 1, "s", 1, 1, 20, nullptr),
-                 kz::CInvalidArgError);
+TEST(KeyDerivationTest, RefusesBadArgumentsAndTakesNullForEmpty) {
+    kz::TCryptBuffer<unsigned char> key(20);
+    const auto derive = [&](const char* password, int passwordLength, const char* salt,
+                            int saltLength, int iterations, int keyLength, bool toKey = true) {
+        vesk::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(password, passwordLength, salt, saltLength,
+                                               iterations, keyLength,
+                                               toKey ? key.getData() : nullptr);
+    };
+    EXPECT_THROW(derive("p", 1, "s", 1, 0, 20), kz::CInvalidArgError);
+    EXPECT_THROW(derive("p", -1, "s", 1, 1, 20), kz::CInvalidArgError);
+    EXPECT_THROW(derive("p", 1, "s", -1, 1, 20), kz::CInvalidArgError);
+    EXPECT_THROW(derive("p", 1, "s", 1, 1, -1), kz::CInvalidArgError);
+    EXPECT_THROW(derive(nullptr, 1, "s", 1, 1, 20), kz::CInvalidArgError);
+    EXPECT_THROW(derive("p", 1, nullptr, 1, 1, 20), kz::CInvalidArgError);
+    EXPECT_THROW(derive("p", 1, "s", 1, 1, 20, false), kz::CInvalidArgError);
+    derive("p", 1, "s", 1, 1, 0, false);    // a key of length 0 asks for nothing
+    derive(nullptr, 0, nullptr, 0, 1, 20);  // null stands for empty at length 0
+    EXPECT_EQ(kz::hexEncode(key, false), "1e437a1c79d75be61e91141dae20affc4892cc99");
 }
 
 }  // namespace

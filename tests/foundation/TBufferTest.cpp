@@ -30,6 +30,10 @@ TEST(TBufferTest, GrowingKeepsUsedBytesAndAlignment) {
     buffer.assign(buffer.getData() + 1, 2);
     EXPECT_EQ(buffer.getUsed(), 2u);
     EXPECT_EQ(buffer[0], 2);
+    kz::TBuffer<unsigned char> one(1);  // even a single element survives growing
+    one[0] = 7;
+    one.ensureAllocated(1000);
+    EXPECT_EQ(one[0], 7);
 }
 
 TEST(TBufferTest, HeapBuffersAreReferenceCounted) {

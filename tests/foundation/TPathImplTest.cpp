@@ -68,6 +68,7 @@ TEST(TPathImplTest, NormalizesWindowsPathsThatNeedIt) {
     }
     EXPECT_FALSE(kz::CWindowsPathTraits::pathNeedsToBeNormalizedToBeValid("C:\\a\\b\\"));
     EXPECT_TRUE(kz::CWindowsPathTraits::pathNeedsToBeNormalizedToBeValid("a\\b "));
+    EXPECT_TRUE(kz::CWindowsPathTraits::pathNeedsToBeNormalizedToBeValid("ab?/c"));
 }
 
 TEST(TPathImplTest, RefusesDotDotAboveTheRoot) {

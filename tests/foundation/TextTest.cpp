@@ -1,6 +1,7 @@
 #include "harl/foundation/kz/CError.h"
 #include "harl/foundation/kz/Text.h"
 
+#include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 namespace {
@@ -16,12 +17,8 @@ TEST(TextTest, ParsesDecimalNumbersStrictly) {
                             "-9223372036854775809", "0x10", "1.5"}) {
         EXPECT_THROW(kz::parseInt64(bad, false), kz::CError) << bad;
     }
-    try {
-        kz::parseInt64("abc", false);
-        FAIL();
-    } catch (const kz::CError& error) {
-        EXPECT_EQ(error.getProps().get("text"), "abc");
-    }
+    EXPECT_EQ(harltest::thrownText<kz::CError>([] { kz::parseInt64("abc", false); }),
+              "-1 Invalid decimal number text [text=abc]");
 }
 
 TEST(TextTest, ParsesHexadecimalAsUnsignedBits) {

@@ -85,6 +85,8 @@ TEST_F(CVMDKGrainDirectoryTest, ReadsTablesInAlignedBatches) {
     directory->getGrainInfo(39 * kPerTable + 127, pos, slot);
     EXPECT_EQ(pos, 555);
     EXPECT_EQ(stream->readCount - readsBefore, 8);
+    directory->getGrainTable(5);  // the batch from 0, which ends where the last one began
+    EXPECT_EQ(cache->getCachedTableCount(), kTables);
 
     for (long long bad : {-1LL, kTables}) {
         EXPECT_EQ(
@@ -99,7 +101,6 @@ TEST_F(CVMDKGrainDirectoryTest, ReadsTablesInAlignedBatches) {
     EXPECT_THROW(directory->getGrainTablePositions(kTables, pos, redundant), kz::CInvalidArgError);
     // A small negative grain index reaches table 0, which refuses it.
     EXPECT_THROW(directory->getGrainInfo(-1, pos, slot), kz::CInvalidArgError);
-    EXPECT_EQ(cache->getCachedTableCount(), kTables);
 
     // A cache smaller than a batch still hands out the requested table.
     cache = new CVMDKGrainTableCache(0);
@@ -120,28 +121,34 @@ TEST_F(CVMDKGrainDirectoryTest, FindsTheSlotDirectoryBehindTheLastTable) {
     // as redundant, whose last entry is the greater.
     std::swap(layout.directorySectors, layout.redundantDirectorySectors);
     EXPECT_TRUE(open(true)->getHaveSlotSizeInfo());
-}
-
-TEST_F(CVMDKGrainDirectoryTest, SlotDirectoryMissingOrOfTheWrongLength) {
-    layOut();  // the file ends where the marker would stand
-    EXPECT_FALSE(open(false)->getHaveSlotSizeInfo());
-    const std::string missing = openError<kz::CError>(true);
-    EXPECT_EQ(missing,
-              "-1 Slot size directory not found in compressed VMDK. [uri=file:///x/a.vmdk]");
-
-    layOut({.slotSizes = true, .slotMarkerValue = 2});
-    harltest::CLogCapture log;
-    EXPECT_FALSE(open(false)->getHaveSlotSizeInfo());
-    EXPECT_EQ(openError<kz::CError>(true), missing);
-    const kz::String warning =
-        "Found VMDK marker for kzSlotDirectory, but the slot directory size does not match the "
-        "expected value (actual: 2, expected: 1, uri: 'file:///x/a.vmdk'). Ignoring the slot "
-        "directory.";
-    EXPECT_EQ(log.messages(kz::LogLevel::Warning), (std::vector<kz::String>{warning, warning}));
+    stream->setLength(512);  // the same with a single table
+    layout =
+        harltest::layOutGrainMetadata(*stream, {.grainsPerTable = kPerTable, .slotSizes = true});
+    std::swap(layout.directorySectors, layout.redundantDirectorySectors);
+    EXPECT_TRUE(open(true, kPerTable * kGrainSectors)->getHaveSlotSizeInfo());
+    // Without tables it stands behind the later directory.
+    kz::TBuffer<unsigned char> zeros(512);
+    zeros.fill(0);
+    stream->seek(3 * 512);
+    kz::CDataOutStream out(stream.get());
+    harl::writeVMDKMarker(out, harl::VMDKMarkerSlotSizeDirectory, 0, zeros);
+    layout.directorySectors = 2;
+    layout.redundantDirectorySectors = 1;
+    EXPECT_EQ(open(true, 0)->getSlotDirectoryPosSectors(), 4);
 }
 
 TEST_F(CVMDKGrainDirectoryTest, RefusesCorruptCountsAndOffsetsWithoutLargeAllocations) {
     layOut({.slotSizes = true});
+    // The ceilings are still a geometry: an empty extent, a table of kMaxGrainCount grains.
+    EXPECT_EQ(open(false, 0)->getGrainTableCount(), 0);
+    EXPECT_EQ(open(false, kCapacitySectors, kGrainSectors, harl::CVMDKGrainTable::kMaxGrainCount)
+                  ->getGrainTableCount(),
+              2);
+    EXPECT_EQ(harltest::thrownText<kz::CInvalidArgError>([&] {
+                  CVMDKGrainDirectory(nullptr, kz::IIOStream::AccessRead, 1, 0, 8, 8, 1, false,
+                                      cache.get());
+              }),
+              "-1 CVMDKGrainDirectory constructor: stream and grainTableCache must not be NULL");
     for (auto [capacity, grainSectors, perTable] :
          {std::tuple{64LL, 8LL, 0},
           {-1, 8, 128},
@@ -167,6 +174,13 @@ TEST_F(CVMDKGrainDirectoryTest, RefusesCorruptCountsAndOffsetsWithoutLargeAlloca
     layout.directorySectors = LLONG_MIN / 2;
     EXPECT_EQ(openError()[0], '7');  // a bad seek
 
+    layOut();  // the file ends where the slot directory's marker would stand
+    EXPECT_FALSE(open(false)->getHaveSlotSizeInfo());
+    EXPECT_EQ(openError<kz::CError>(true),
+              "-1 Slot size directory not found in compressed VMDK. [uri=file:///x/a.vmdk]");
+    // A directory that ends where the file does fits.
+    stream->setLength(layout.directorySectors * 512 + kTables * 4);
+    EXPECT_EQ(open()->getGrainTableCount(), kTables);
     layOut({.slotSizes = true});  // a slot directory cut off behind its marker
     stream->setLength((layout.slotMarkerSector + 1) * 512);
     EXPECT_EQ(openError(true)[0], '4');

@@ -88,12 +88,15 @@ TEST_F(CVMDKGrainTableCacheTest, FlushAndRemovalTouchOneDirectoryOnly) {
     EXPECT_EQ(writtenSectors().size(), 3u);
     EXPECT_TRUE(cache->getCachedTable(kDirB, 0)->hasUnflushedChanges());
 
-    // Without enforcement nothing left; switched back on, the oldest goes and writes itself.
+    // Without enforcement nothing left; enforced, the oldest goes and writes itself.
     for (long long index : {0, 1, 2}) {
         put(*cache, kDirA, index, 1 + index, false);
     }
-    cache->setAutoEnforceLimit(true);
+    cache->enforceLimit();
     EXPECT_EQ(writtenSectors(), (std::vector<long long>{1, 2, 3, 8}));
+    EXPECT_EQ(cache->getCachedTableCount(), 3);
+    put(*cache, kDirA, 3, 4);
+    cache->setAutoEnforceLimit(true);
     EXPECT_EQ(cache->getCachedTableCount(), 3);
 }
 

@@ -15,7 +15,6 @@
 namespace {
 
 using harl::CVMDKGrainTable;
-using Write = harltest::CRecordingStream::CWrite;
 using harltest::thrownText;
 
 constexpr int kGrains = 8;
@@ -38,7 +37,7 @@ struct CVMDKGrainTableTest : ::testing::Test {
     }
 
     kz::P<harltest::CRecordingStream> stream{
-        new harltest::CRecordingStream(kz::CURI("file:///x/a.vmdk"))};
+        new harltest::CRecordingStream(kz::CURI("file:///x/a%20b.vmdk"))};
 };
 
 // The message of what setGrainInfo throws; a table that refuses has not changed.
@@ -64,7 +63,7 @@ TEST_F(CVMDKGrainTableTest, ReadsEntriesWithinItsBounds) {
     for (long long bad : {-1LL, 8LL}) {
         EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { tracked->getGrainInfo(bad, pos, slot); }),
                   "-1 CVMDKGrainTable::getGrainInfo: Invalid grain index: " + std::to_string(bad) +
-                      " [uri=file:///x/a.vmdk]");
+                      " [uri=file:///x/a b.vmdk]");
     }
     open(false)->getGrainInfo(1, pos, slot);
     EXPECT_EQ(slot, kGrainSectors);
@@ -78,8 +77,25 @@ TEST_F(CVMDKGrainTableTest, ReadsEntriesWithinItsBounds) {
                                   kGrains);
               }),
               "5 VMDK redundant grain table lies beyond the end of the file (position: 4 "
-              "sectors). [uri=file:///x/a.vmdk]");
+              "sectors). [uri=file:///x/a b.vmdk]");
     EXPECT_NO_THROW(CVMDKGrainTable(stream.get(), kz::IIOStream::AccessRead, 1, kTable, 4, 0, 8));
+    // Without a redundant copy a short table fails in its read.
+    EXPECT_EQ(thrownText<kz::CIOError>([&] {
+                  CVMDKGrainTable(stream.get(), kz::IIOStream::AccessReadWrite, 1, 0, 0, 0, 1024);
+              })[0],
+              '4');
+
+    // A table holds 0 to kMaxGrainCount entries, whatever the caller asks for.
+    stream->setLength(CVMDKGrainTable::kMaxGrainCount * 4);
+    for (int count :
+         {-1, 0, CVMDKGrainTable::kMaxGrainCount, CVMDKGrainTable::kMaxGrainCount + 1}) {
+        const std::string thrown = thrownText<kz::CInvalidArgError>(
+            [&] { CVMDKGrainTable(stream.get(), kz::IIOStream::AccessRead, 1, 0, 0, 0, count); });
+        EXPECT_EQ(thrown, count == -1 || count > CVMDKGrainTable::kMaxGrainCount
+                              ? "-1 CVMDKGrainTable constructor: Invalid grain count: " +
+                                    std::to_string(count) + " [uri=file:///x/a b.vmdk]"
+                              : "nothing thrown");
+    }
 }
 
 TEST_F(CVMDKGrainTableTest, SetGrainInfoChecksInOrderBeforeAnyChange) {
@@ -94,7 +110,7 @@ TEST_F(CVMDKGrainTableTest, SetGrainInfoChecksInOrderBeforeAnyChange) {
 
     kz::P<CVMDKGrainTable> tracked = open(true);
     EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { tracked->setGrainInfo(2, 77, -1); }),
-              "-1 CVMDKGrainTable::setGrainInfo: Invalid grain slot size. [uri=file:///x/a.vmdk, "
+              "-1 CVMDKGrainTable::setGrainInfo: Invalid grain slot size. [uri=file:///x/a b.vmdk, "
               "slotSizeSectors=-1, grainSizeSectors=128, posSectors=77]");
     // Values too wide for their entries are refused, not cut.
     EXPECT_EQ(refusal(tracked, 2, 1LL << 32, 3), "Invalid grain position: 4294967296");
@@ -102,31 +118,7 @@ TEST_F(CVMDKGrainTableTest, SetGrainInfoChecksInOrderBeforeAnyChange) {
               "Invalid grain slot size - it does not fit a slot-size table entry (slot size: "
               "65536)");
     EXPECT_EQ(refusal(tracked, 1, 900, 3), "none");  // the values it holds
-}
-
-TEST_F(CVMDKGrainTableTest, FlushWritesOnlyWhatIsDirtyInOrder) {
-    kz::P<CVMDKGrainTable> table = open(true);
-    table->setGrainInfo(1, 900, 4);  // the slot length alone
-    table->flushChangesToStream();
-    EXPECT_EQ(stream->writes, (std::vector<Write>{{kSlots * 512, kGrains * 2}}));
-
-    stream->writes.clear();
-    table->setGrainInfo(3, 1000, 6);
-    table->flushChangesToStream();
-    EXPECT_EQ(stream->writes, (std::vector<Write>{{kTable * 512, kGrains * 4},
-                                                  {kRedundant * 512, kGrains * 4},
-                                                  {kSlots * 512, kGrains * 2}}));
-    // The redundant copy comes from memory: it now holds grain 1 too.
-    EXPECT_EQ(stream->getBuffer()[kRedundant * 512 + 4], 900 & 0xff);
-
-    stream->writes.clear();
-    stream->seek(17);
-    table->flushChangesToStream();  // clean: neither the file nor the position change
-    EXPECT_TRUE(stream->writes.empty());
-    EXPECT_EQ(stream->getPosition(), 17);
-
-    open(false, 3, 0)->setGrainInfo(0, 5, kGrainSectors);  // destroyed dirty: writes itself
-    EXPECT_EQ(stream->writes, (std::vector<Write>{{kTable * 512, kGrains * 4}}));
+    tracked->setGrainInfo(1, 0, 3);                  // a position of 0 frees the grain
 }
 
 TEST_F(CVMDKGrainTableTest, FailedWritesStayDirtyAndTheDestructorSwallowsThem) {

@@ -201,12 +201,17 @@ TEST_P(CVMDKGrainTest, ZerosOnAnUnallocatedGrainAreStoredOnlyOverAProvider) {
     grain->flushChangesToStream();
     EXPECT_FALSE(grain->isGrainWritten());
     EXPECT_TRUE(extent.allocator->calls.empty());
+    const Bytes lastByte = grainOf({7}, kGrainBytes - 1);  // not zero at the very end
+    grain->open(2, 2, 0, 0);
+    grain->write(lastByte.data(), kGrainBytes);
+    grain->close();
+    EXPECT_EQ(readBack(2, 2), lastByte);
 
     grain->setFallbackDataProvider(provider.get());
     grain->open(1, 1, 0, 0);
     grain->write(zeros.data(), kGrainBytes);
     grain->close();
-    EXPECT_EQ(extent.allocator->calls.size(), 1u);
+    EXPECT_EQ(extent.allocator->calls.size(), 2u);
     EXPECT_EQ(readGrain(*makeGrain(provider.get()), extent, 1, 1), grainOf({}));
 }
 
@@ -223,6 +228,9 @@ TEST_P(CVMDKGrainTest, AFailedStoreLeavesTheGrainDirtyForTheNextFlush) {
         EXPECT_EQ(grain->getGrainStartPositionSectors(), round);
         extent.stream->failWritesFrom(-1);
         grain->flushChangesToStream();
+        const size_t writes = extent.stream->writes.size();
+        grain->flushChangesToStream();  // stored: clean, nothing more to write
+        EXPECT_EQ(extent.stream->writes.size(), writes);
         EXPECT_EQ(readBack(0, 0), data);
     }
     EXPECT_EQ(extent.allocator->calls.size(), 2u);  // the failed first store and its retry
@@ -319,6 +327,10 @@ TEST_P(CVMDKCompressedGrainTest, ReadsASizeOfTwiceAGrainAndRefusesMoreOrCorruptD
     const int reads = extent.stream->readCount;
     EXPECT_THROW(grain->read(byte.data(), 1), kz::CIOError);  // the file is asked again
     EXPECT_GT(extent.stream->readCount, reads);
+    Buffer prepared;  // nor does the failure leave a prepared form behind
+    grain->seek(0);
+    grain->readPreparedGrainData(prepared);
+    EXPECT_GT(prepared.getUsed(), 12u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Forms, CVMDKCompressedGrainTest,
@@ -355,11 +367,56 @@ TEST_F(CVMDKGrainFixture, PreparedGrainsMoveBetweenExtentsWithOtherKeys) {
         EXPECT_EQ(readGrain(*makeGrain(target, {compressed, true}, nullptr, 2), target, 2, 4),
                   fsData);
         EXPECT_EQ(readGrain(*home, back, 1, 4), fsData);
+
+        // Over a slot it fits, kept data goes straight to the stream.
+        const Bytes text = grainOf(harltest::makeTextLikeData(1000, 8));
+        kz::P<Buffer> plain(new Buffer), aux(new Buffer);
+        plain->assign(text.data(), text.size());
+        const kz::P<Buffer> smaller =
+            home->createDataPreparer()->prepareGrainData(plain.get(), 4, aux.get());
+        openGrain(*home, back, 1, 4);
+        home->writePreparedGrainDataKeepBuffer(kz::TConstBufferSlice<unsigned char>(*smaller));
+        home->close();
+        EXPECT_EQ(back.allocator->calls.size(), 2u);
+        EXPECT_EQ(readGrain(*home, back, 1, 4), text);
     }
+    // A short uncompressed prepared grain is the grain's start; the rest reads as zeros, also
+    // behind a longer one before it.
+    kz::P<CVMDKGrain> sealed = makeGrain(extent, {false, true});
+    Buffer start;
+    for (size_t length : {1000, 100}) {
+        sealed->open(0, 0, 0, 0);
+        start.assign(fsData.data(), length);
+        sealed->writePreparedGrainData(start);
+        sealed->close();
+    }
+    EXPECT_EQ(readGrain(*sealed, extent, 0, 0),
+              grainOf(Bytes(fsData.begin(), fsData.begin() + 100)));
 }
 
 TEST_F(CVMDKGrainFixture, ErrorsCarryTheirTextsAndProperties) {
+    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] {
+                  CVMDKGrain(extent.stream.get(), kz::IIOStream::AccessReadWrite, 128, nullptr,
+                             false, 1, nullptr, nullptr, kz::TCryptBuffer<>(), Buffer());
+              }),
+              "-1 CVMDKGrain::CVMDKGrain: A grain needs a stream, and an allocator to write.");
+    // A grain is at least a sector, and its bytes and a compressed grain of twice that fit an
+    // int.
+    for (long long sectors : {0LL, 1LL, (1LL << 31) / 4 / 512}) {
+        EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] {
+                      CVMDKGrain(extent.stream.get(), kz::IIOStream::AccessRead, sectors, nullptr,
+                                 false, 1, nullptr, nullptr, kz::TCryptBuffer<>(), Buffer());
+                  }),
+                  sectors == 1 ? "nothing thrown"
+                               : "-1 CVMDKGrain::CVMDKGrain: Invalid grain size: " +
+                                     std::to_string(sectors));
+    }
     kz::P<CVMDKGrain> grain = makeGrain(extent, {true, true});
+    EXPECT_EQ(grain->getPosition(), 0);
+    Buffer prepared(1);
+    EXPECT_EQ(thrownText<kz::CError>([&] { grain->readPreparedGrainData(prepared); }),
+              "-1 Internal error: CVMDKGrain::readPreparedGrainData was called, but no grain is "
+              "open.");
     const std::string uri = "[uri=file:///d/grain.vmdk";
     grain->open(0, 6, 0, 0);
     Bytes bytes(kGrainBytes + 1);
@@ -376,7 +433,6 @@ TEST_F(CVMDKGrainFixture, ErrorsCarryTheirTextsAndProperties) {
               "3 Cannot write 2 bytes to grain. Grain size exceeded. " + uri + "]");
     const std::string notAtZero = " can only be called when the position in the grain is 0. " +
                                   uri + ", posInGrain=65535, diskGrainIndex=6, extentGrainIndex=0";
-    Buffer prepared(1);
     EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->readPreparedGrainData(prepared); }),
               "3 CVMDKGrain::tryReadPreparedGrainData" + notAtZero + "]");
     prepared.setUsed(1);

@@ -12,20 +12,16 @@ namespace harltest {
 // Where layOutGrainMetadata put the pieces, in sectors.
 struct CGrainMetadataLayout {
     long long directorySectors = 0;
-    long long redundantDirectorySectors = 0;  // 0: none
-    long long slotMarkerSector = 0;           // 0: no slot directory
+    long long redundantDirectorySectors = 0;
+    long long slotMarkerSector = 0;  // 0: no slot directory
     std::vector<long long> tableSectors;
-    std::vector<long long> redundantTableSectors;
     std::vector<long long> slotTableSectors;
 };
 
 struct CGrainMetadataOptions {
     long long tableCount = 1;
     int grainsPerTable = 512;
-    bool redundant = true;
     bool slotSizes = false;
-    // The value of the slot directory marker; -1: the right length.
-    long long slotMarkerValue = -1;
 };
 
 namespace detail {
@@ -67,11 +63,8 @@ inline CGrainMetadataLayout layOutGrainMetadata(kz::CBufferStream& stream,
     const long long tableSectors = (options.grainsPerTable * 4LL + sector - 1) / sector;
     const long long slotTableSectors = (options.grainsPerTable * 2LL + sector - 1) / sector;
     CGrainMetadataLayout layout;
-    if (options.redundant) {
-        layout.redundantDirectorySectors = stream.getLength() / sector;
-        layout.redundantTableSectors =
-            detail::appendDirectoryAndTables(stream, options.tableCount, tableSectors);
-    }
+    layout.redundantDirectorySectors = stream.getLength() / sector;
+    detail::appendDirectoryAndTables(stream, options.tableCount, tableSectors);
     layout.directorySectors = stream.getLength() / sector;
     layout.tableSectors =
         detail::appendDirectoryAndTables(stream, options.tableCount, tableSectors);
@@ -82,9 +75,7 @@ inline CGrainMetadataLayout layOutGrainMetadata(kz::CBufferStream& stream,
         zeros.fill(0);
         stream.seek(stream.getLength());
         kz::CDataOutStream out(&stream);
-        harl::writeVMDKMarker(
-            out, harl::VMDKMarkerSlotSizeDirectory,
-            options.slotMarkerValue >= 0 ? options.slotMarkerValue : directorySectors, zeros);
+        harl::writeVMDKMarker(out, harl::VMDKMarkerSlotSizeDirectory, directorySectors, zeros);
         layout.slotTableSectors =
             detail::appendDirectoryAndTables(stream, options.tableCount, slotTableSectors);
     }
