@@ -6,8 +6,8 @@ swapped, a constant moved by one, a condition's negation dropped, a statement de
 faults are drawn from every candidate site of the named files, deterministically by --seed.
 Each is written into its file, the test programs that link the file are rebuilt (a reused
 build folder, so only what changed is compiled), and they run without the peer tests (those
-with "Qemu" in their names, which run qemu-img). The file is always restored: on success, on
-failure, on Ctrl-C and on SIGTERM; a run killed harder restores it at its next start from the
+with "Qemu" or "Peer" in their names, which run qemu-img). The file is always restored: on
+success, on failure, on Ctrl-C and on SIGTERM; a run killed harder restores it at its next start from the
 copy it keeps in the build folder.
 
 Each fault prints as file:line, the change, and killed (a test failed, crashed or hung),
@@ -36,8 +36,8 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parent.parent
 LAYERS = ["foundation", "format", "descriptor", "grain", "extent", "disk"]
 SOURCE_SUFFIXES = (".cpp", ".h")
-# Tests that run qemu-img carry this in their names; the ctest label "peer" marks the same.
-PEER_FILTER = "-*Qemu*"
+# Tests that run qemu-img carry one of these in their names; the ctest label "peer" marks them.
+PEER_FILTER = "-*Qemu*:*Peer*"
 
 # Binary operators as clang-format writes them, with a space on each side, so that template
 # brackets, pointers, references and unary signs never match.

@@ -15,6 +15,7 @@ struct CGrainMetadataLayout {
     long long redundantDirectorySectors = 0;
     long long slotMarkerSector = 0;  // 0: no slot directory
     std::vector<long long> tableSectors;
+    std::vector<long long> redundantTableSectors;
     std::vector<long long> slotTableSectors;
 };
 
@@ -64,7 +65,8 @@ inline CGrainMetadataLayout layOutGrainMetadata(kz::CBufferStream& stream,
     const long long slotTableSectors = (options.grainsPerTable * 2LL + sector - 1) / sector;
     CGrainMetadataLayout layout;
     layout.redundantDirectorySectors = stream.getLength() / sector;
-    detail::appendDirectoryAndTables(stream, options.tableCount, tableSectors);
+    layout.redundantTableSectors =
+        detail::appendDirectoryAndTables(stream, options.tableCount, tableSectors);
     layout.directorySectors = stream.getLength() / sector;
     layout.tableSectors =
         detail::appendDirectoryAndTables(stream, options.tableCount, tableSectors);
