@@ -219,6 +219,14 @@ TEST_F(CVMDKDiskCreateTest, PlansTheWorkedExamples) {
     kz::CDataInStream in(main.get());
     header.load(in);
     EXPECT_EQ(header.getDescriptorSizeSectors(), 66u);
+
+    // The descriptor's room grows by a sector at the eighteenth expected extent line; an extent
+    // file of 1 MiB holds 14 grains.
+    for (const auto& [grains, sectors] : {std::pair(237LL, 66LL), std::pair(238LL, 67LL)}) {
+        CVMDKDisk::create(fs.get(), at("room.vmdk"), grains * 65536, "", false, 1, 1024 * 1024, "",
+                          0xFFFFFFFF, true);
+        EXPECT_EQ(lengthOf("room.vmdk"), sectors * 512) << grains;
+    }
 }
 
 TEST_F(CVMDKDiskCreateTest, RefusesBadPlansBeforeTouchingAFile) {
@@ -340,8 +348,8 @@ TEST(CVMDKDiskCloseTest, ReportsWhatTheDestructorCouldOnlyLog) {
     kz::P<kz::CMemoryFileSystem> fs(new kz::CMemoryFileSystem);
     kz::P<kz::CFaultInjectingFileSystem> faulty(new kz::CFaultInjectingFileSystem(fs.get()));
     CModel model{Bytes(8 * kMiB, 0)};
-    auto disk = CVMDKDisk::create(faulty.get(), at("disk.vmdk"), 0, "", true, 1, -1, "",
-                                  0xFFFFFFFF, false);
+    auto disk =
+        CVMDKDisk::create(faulty.get(), at("disk.vmdk"), 0, "", true, 1, -1, "", 0xFFFFFFFF, false);
     model.write(*disk, 5 * kGrain + 3, harltest::makeTextLikeData(100000, 8));
     faulty->failOperation(1, false);
     EXPECT_NE(harltest::errorText([&] { disk->close(); }).find("Injected fault"),

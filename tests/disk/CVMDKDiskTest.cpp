@@ -166,6 +166,9 @@ TEST_F(CVMDKDiskTest, RangeAndAccessErrorsComeBeforeAnyExtentOpens) {
               "-1 Internal error: CVMDKDisk::write" + notWritable);
     EXPECT_EQ(thrownText<kz::CError>([&] { disk->makeGrainIndependentOfParent(0); }),
               "-1 Internal error: CVMDKDisk::makeGrainIndependentOfParent" + notWritable);
+    kz::TBuffer<unsigned char> grain(1024);
+    EXPECT_EQ(thrownText<kz::CError>([&] { disk->writePreparedGrainData(grain); }),
+              "-1 Internal error: CVMDKDisk::write" + notWritable);
     EXPECT_TRUE(takeTrace().empty());
 
     auto writable = makeDisk(kWrite);

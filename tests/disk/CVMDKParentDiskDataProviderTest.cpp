@@ -30,7 +30,6 @@ kz::CURI at(const std::string& name) {
     return kz::CURI("file:///d/" + name);
 }
 
-
 Bytes grainOf(unsigned seed) {
     return harltest::makeFileSystemLikeData(kGrain, seed);
 }

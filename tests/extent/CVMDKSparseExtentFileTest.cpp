@@ -5,7 +5,6 @@
 #include "harl/format/VMDKFileStream.h"
 #include "harl/foundation/kz/CIOError.h"
 #include "harl/foundation/kz/CInvalidArgError.h"
-#include "harl/foundation/kz/CLocalFileSystem.h"
 #include "harl/foundation/kz/CMemoryFile.h"
 #include "harl/foundation/kz/CMemoryFileSystem.h"
 #include "harl/foundation/vesk/CCipher_AES256CBC.h"
@@ -16,16 +15,11 @@
 #include "harl/grain/VMDKEmptyExtent.h"
 
 #include "tests/support/CLogCapture.h"
-#include "tests/support/CScratchFolder.h"
-#include "tests/support/QemuImg.h"
 #include "tests/support/SampleData.h"
-#include "tests/support/TestFiles.h"
 #include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <random>
 
 namespace {
@@ -224,7 +218,8 @@ protected:
         kz::TCryptBuffer<unsigned char> key = kz::TCryptBuffer<>(),
         const kz::TBuffer<unsigned char>& keyHash = kz::TBuffer<unsigned char>()) {
         kz::P<kz::CMemoryFileSystem> fs(new kz::CMemoryFileSystem);
-        const kz::CURI uri("file:///o.vmdk");
+        // A name that errors show decoded.
+        const kz::CURI uri("file:///%C3%B6.vmdk");
         createEmptyVMDKSparseExtentFile(fs.get(), uri, false, 8, 128, zeros(65536), nullptr, 0,
                                         keyHash);
         kz::P<kz::IIOStream> stream = fs->open(uri, kz::IIOStream::AccessReadWrite, 0);
@@ -250,13 +245,13 @@ TEST_F(CVMDKSparseExtentOpeningTest, RefusesBadHeadersInOrder) {
     const auto none = [](unsigned char*) {};
     EXPECT_EQ(openingError(none), "opened");
     EXPECT_EQ(openingError([](unsigned char* h) { h[4] = 4; }),
-              "6 VMDK file has an unsupported version: 4 [uri=file:///o.vmdk]");
+              "6 VMDK file has an unsupported version: 4 [uri=file:///ö.vmdk]");
     EXPECT_EQ(openingError([](unsigned char* h) { h[10] = 1; }),
               "5 VMDK flags 'compressed' and 'metaMarkers' are different (compressed: true, "
-              "metaMarkers: false). [uri=file:///o.vmdk]");
+              "metaMarkers: false). [uri=file:///ö.vmdk]");
     EXPECT_EQ(openingError([](unsigned char* h) { std::memset(h + 56, 0xff, 8); }),
               "5 VMDK file uses an unsupported variant of the 'stream optimized' format. "
-              "[uri=file:///o.vmdk]");
+              "[uri=file:///ö.vmdk]");
     // Geometry no sane file has is refused before anything is sized from it.
     for (const auto& poke : std::vector<std::function<void(unsigned char*)>>{
              [](unsigned char* h) { std::memset(h + 20, 0, 8); },
@@ -276,175 +271,24 @@ TEST_F(CVMDKSparseExtentOpeningTest, ChecksTheCipherAndTheKey) {
     EXPECT_EQ(
         openingError(none, cipher.get()),
         "-1 CVMDKSparseExtentFile constructor: VMDK extent file is NOT encrypted but a cipher "
-        "object was specified. [uri=file:///o.vmdk]");
+        "object was specified. [uri=file:///ö.vmdk]");
     const kz::TBuffer<unsigned char> hash = sha256(key);
     EXPECT_EQ(openingError(none, cipher.get(), key, hash), "opened");
     EXPECT_EQ(openingError(none, nullptr, key, hash),
               "-1 CVMDKSparseExtentFile constructor: VMDK extent file is encrypted but no cipher "
-              "object was specified. [uri=file:///o.vmdk]");
+              "object was specified. [uri=file:///ö.vmdk]");
     EXPECT_EQ(
         openingError(none, cipher.get(), kz::TCryptBuffer<unsigned char>(16), hash),
         "-1 CVMDKSparseExtentFile constructor: Specified encryption key has an incorrect size "
-        "for the cipher [uri=file:///o.vmdk, expectedKeySize=32, keySize=16, "
+        "for the cipher [uri=file:///ö.vmdk, expectedKeySize=32, keySize=16, "
         "cipherID=aes256cbc]");
     EXPECT_EQ(openingError([](unsigned char* h) { h[79] = 2; }, cipher.get(), key, hash),
               "-1 Unsupported encryption algorithm used by VMDK extent file: 2 "
-              "[uri=file:///o.vmdk]");
+              "[uri=file:///ö.vmdk]");
     EXPECT_EQ(openingError(none, cipher.get(), otherKey, hash),
-              "-1 Specified VMDK extent file encryption key is not correct. [uri=file:///o.vmdk]");
+              "-1 Specified VMDK extent file encryption key is not correct. [uri=file:///ö.vmdk]");
     // The extension with algorithm 0 is no encryption.
     EXPECT_EQ(openingError([](unsigned char* h) { h[79] = 0; }, nullptr, key, hash), "opened");
-}
-
-// Files written by qemu-img: our reader must see exactly the raw image they were made from.
-class CVMDKSparseExtentQemuTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (!harltest::isQemuImgAvailable()) {
-            GTEST_SKIP() << "qemu-img is not installed";
-        }
-    }
-
-    // A sparse raw image of `sizeBytes` with data at the start, around `middle` and at the end.
-    void makeRaw(long long sizeBytes, long long middle) {
-        std::filesystem::resize_file(
-            (std::ofstream(folder.file("raw.img")), folder.file("raw.img")), sizeBytes);
-        std::fstream raw(folder.file("raw.img"), std::ios::in | std::ios::out | std::ios::binary);
-        unsigned seed = 1;
-        for (long long at : {0LL, middle - 3 * kGrainBytes - 1000, sizeBytes - 5 * kGrainBytes}) {
-            const Bytes data = harltest::makeFileSystemLikeData(5 * kGrainBytes, seed++);
-            raw.seekp(at);
-            raw.write(reinterpret_cast<const char*>(data.data()), data.size());
-        }
-    }
-
-    void convert(const std::string& subformat, const std::string& name) {
-        std::string output;
-        ASSERT_EQ(harltest::runQemuImg(
-                      {"convert", "-f", "raw", "-O", "vmdk", "-o", "subformat=" + subformat,
-                       folder.file("raw.img"), folder.file(name)},
-                      &output),
-                  0)
-            << output;
-    }
-
-    // Opens `extentName` read-only and compares it with the raw image from `offset` on.
-    long long compareExtent(const std::string& extentName, long long startGrainIndex,
-                            long long offset) {
-        kz::P<kz::IIOStream> stream =
-            openVMDKFileStream(fs.get(), folder.uriOf(extentName), kz::IIOStream::AccessRead);
-        kz::P<CVMDKSparseExtentFile> extent(new CVMDKSparseExtentFile(
-            stream.get(), kz::IIOStream::AccessRead, startGrainIndex, 1, cache.get(), nullptr,
-            nullptr, nullptr, kz::TCryptBuffer<>(), kz::TBuffer<unsigned char>()));
-        const long long size = extent->getCapacityBytes();
-        std::ifstream raw(folder.file("raw.img"), std::ios::binary);
-        raw.seekg(offset);
-        const int chunk = 1 << 20;
-        Bytes ours(chunk);
-        Bytes theirs(chunk);
-        for (long long done = 0; done < size; done += chunk) {
-            const int count = static_cast<int>(std::min<long long>(chunk, size - done));
-            extent->read(ours.data(), count);
-            raw.read(reinterpret_cast<char*>(theirs.data()), count);
-            if (std::memcmp(ours.data(), theirs.data(), count) != 0) {
-                ADD_FAILURE() << extentName << " differs in the MiB at " << done;
-                break;
-            }
-        }
-        return size;
-    }
-
-    harltest::CScratchFolder folder;
-    kz::P<kz::CLocalFileSystem> fs{new kz::CLocalFileSystem};
-    kz::P<CVMDKGrainTableCache> cache{new CVMDKGrainTableCache};
-};
-
-TEST_F(CVMDKSparseExtentQemuTest, ReadsMonolithicAndSplitSparseFiles) {
-    makeRaw(64LL << 20, 32LL << 20);
-    convert("monolithicSparse", "mono.vmdk");
-    EXPECT_EQ(compareExtent("mono.vmdk", 0, 0), 64LL << 20);
-
-    const long long size = (4LL << 30) + (1LL << 20);
-    makeRaw(size, 2LL << 30);
-    convert("twoGbMaxExtentSparse", "split.vmdk");
-    long long offset = 0;
-    for (int i = 1; offset < size; ++i) {
-        char name[32];
-        std::snprintf(name, sizeof(name), "split-s%03d.vmdk", i);
-        offset += compareExtent(name, offset / kGrainBytes, offset);
-    }
-    EXPECT_EQ(offset, size);
-}
-
-TEST_F(CVMDKSparseExtentQemuTest, RefusesStreamOptimizedFilesCleanly) {
-    makeRaw(4LL << 20, 2LL << 20);
-    convert("streamOptimized", "stream.vmdk");
-    kz::P<kz::IIOStream> stream =
-        openVMDKFileStream(fs.get(), folder.uriOf("stream.vmdk"), kz::IIOStream::AccessRead);
-    const auto openIt = [&] {
-        stream->seek(0);
-        kz::P<CVMDKSparseExtentFile> extent(new CVMDKSparseExtentFile(
-            stream.get(), kz::IIOStream::AccessRead, 0, 1, cache.get(), nullptr, nullptr, nullptr,
-            kz::TCryptBuffer<>(), kz::TBuffer<unsigned char>()));
-    };
-    const std::string message =
-        harltest::thrownText<kz::CError>(openIt) + harltest::thrownText<kz::CIOError>(openIt);
-    EXPECT_NE(message.find("Slot size directory not found in compressed VMDK."), std::string::npos)
-        << message;
-
-    // The same file with its directory announced at the end, as streaming writers leave it.
-    kz::TBuffer<unsigned char> file = harltest::readWholeFile(folder.file("stream.vmdk"));
-    std::memset(file.getData() + 56, 0xff, 8);
-    harltest::writeWholeFile(folder.file("stream-end.vmdk"), file);
-    stream =
-        openVMDKFileStream(fs.get(), folder.uriOf("stream-end.vmdk"), kz::IIOStream::AccessRead);
-    EXPECT_EQ(harltest::thrownText<kz::CIOError>(openIt),
-              "5 VMDK file uses an unsupported variant of the 'stream optimized' format. [uri=" +
-                  folder.uriOf("stream-end.vmdk").toString(true).toUTF8() + "]");
-}
-
-// Files written here: qemu-img must find them consistent and equal to the raw image.
-TEST_F(CVMDKSparseExtentQemuTest, QemuImgReadsWhatWeWrite) {
-    const long long size = 16LL << 20;
-    makeRaw(size, 8LL << 20);
-    const kz::TBuffer<unsigned char> raw = harltest::readWholeFile(folder.file("raw.img"));
-    for (bool compressed : {false, true}) {
-        const std::string name = compressed ? "ours-packed.vmdk" : "ours-plain.vmdk";
-        const kz::CURI uri = folder.uriOf(name);
-        const std::string text =
-            "# Disk DescriptorFile\nversion=1\nCID=12345678\n"
-            "parentCID=ffffffff\ncreateType=\"monolithicSparse\"\n"
-            "RW 32768 SPARSE \"" +
-            name + "\"\nddb.adapterType = \"ide\"\n";
-        kz::P<CVMDKDescriptor> descriptor(new CVMDKDescriptor(bufferOf(text)));
-        createEmptyVMDKSparseExtentFile(fs.get(), uri, compressed, size / kGrainBytes, 128,
-                                        zeros(65536), descriptor.get(), 20,
-                                        kz::TBuffer<unsigned char>());
-        {
-            kz::P<kz::IIOStream> stream =
-                openVMDKFileStream(fs.get(), uri, kz::IIOStream::AccessReadWrite);
-            kz::P<CVMDKContentIDUpdater> updater(
-                new CVMDKContentIDUpdater(fs.get(), uri, descriptor.get()));
-            kz::P<CVMDKSparseExtentFile> extent(new CVMDKSparseExtentFile(
-                stream.get(), kz::IIOStream::AccessReadWrite, 0, 1, cache.get(), nullptr,
-                updater.get(), nullptr, kz::TCryptBuffer<>(), kz::TBuffer<unsigned char>()));
-            // First text that compresses well, then noise over part of it, so that compressed
-            // grains outgrow their slots and move.
-            const Bytes text = harltest::makeTextLikeData(static_cast<size_t>(size), 11);
-            extent->write(text.data(), static_cast<int>(size));
-            extent->flushChanges();
-            extent->seek(0);
-            extent->write(raw.getData(), static_cast<int>(size));
-        }
-        std::string output;
-        EXPECT_EQ(harltest::runQemuImg({"check", "-f", "vmdk", folder.file(name)}, &output), 0)
-            << output;
-        EXPECT_EQ(harltest::runQemuImg({"compare", "-f", "vmdk", "-F", "raw", folder.file(name),
-                                        folder.file("raw.img")},
-                                       &output),
-                  0)
-            << name << ": " << output;
-    }
 }
 
 // Prepared grains through the extent, in every form: stored as given, read from memory, from
@@ -616,7 +460,7 @@ TEST_F(CVMDKSparseExtentOpeningTest, AcceptsTheCeilingsOfItsGeometry) {
         return [=](unsigned char* h) { std::memcpy(h + offset, &value, 8); };  // little-endian
     };
     EXPECT_EQ(openingError(field(20, 16384)), "opened");  // grains of 8 MiB
-    EXPECT_EQ(openingError(field(12, 1ULL << 52)), "4 Unexpected end of data [uri=file:///o.vmdk]");
+    EXPECT_EQ(openingError(field(12, 1ULL << 52)), "4 Unexpected end of data [uri=file:///ö.vmdk]");
     for (const auto& poke : {field(20, 16385), field(12, (1ULL << 52) + 1)}) {
         EXPECT_EQ(openingError(poke).rfind("5 VMDK sparse header has an invalid geometry.", 0), 0u);
     }

@@ -144,6 +144,19 @@ TEST(CVMDKStreamOptimizedExtentTest, ReadsFooterStyleFilesByDirectoryOrScan) {
         kz::P<CVMDKSpaceInfo> space = extent->gatherSpaceInfo();
         EXPECT_EQ(space->getPayloadSize(), 14 * kGrainBytes);
     }
+
+    // The scan puts grains that were streamed out of order back in order.
+    kz::TBuffer<unsigned char> file = layout.file;
+    putLE(file, footer + 56, 0, 8);
+    Bytes swapped = raw;
+    for (size_t grain : {2, 3}) {
+        putLE(file, static_cast<size_t>(layout.grainSectors[grain]) * kSector, (5 - grain) * 128,
+              8);
+    }
+    std::swap_ranges(swapped.begin() + 2 * kGrainBytes, swapped.begin() + 3 * kGrainBytes,
+                     swapped.begin() + 3 * kGrainBytes);
+    kz::P<kz::CBufferStream> stream(new kz::CBufferStream(file, kz::CURI("file:///f.vmdk")));
+    expectReadsAs(*openExtent(stream.get()), swapped, file);
 }
 
 // Damage at named places: each ends in a CIOError code 5 that names the file, at opening or at
@@ -185,6 +198,18 @@ TEST(CVMDKStreamOptimizedExtentTest, DamagedFilesEndInClearErrors) {
              putLE(file, lastGrain + 8, 131072, 4);
          },
          "VMDK grain runs past the end of the file."},
+        {"empty grain marker", [&](auto& file) { putLE(file, lastGrain + 8, 0, 4); },
+         "VMDK grain marker has an invalid compressed size."},
+        {"metadata marker reaching past the end, scanned",
+         [&](auto& file) {
+             scanOnly(file);
+             const long long marker = layout.directorySector - 1;
+             putLE(
+                 file, static_cast<size_t>(marker) * kSector,
+                 static_cast<unsigned long long>(static_cast<long long>(length / kSector) - marker),
+                 8);
+         },
+         "VMDK metadata marker runs past the end of the file."},
         {"marker length beyond any grain",
          [&](auto& file) { putLE(file, lastGrain + 8, 131073, 4); },
          "VMDK grain marker has an invalid compressed size."},

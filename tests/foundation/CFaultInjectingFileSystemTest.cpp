@@ -27,6 +27,8 @@ TEST(CFaultInjectingFileSystemTest, FailsTheNamedOperationOnce) {
     EXPECT_EQ(stream->getLength(), 0);  // the failed write never reached the file
     stream->write("ab", 2, nullptr);
     EXPECT_EQ(fs->getOperationCount(), 3);
+    fs->failOperation(0, kz::CFaultInjectingFileSystem::Fault::Die);  // disarms
+    stream->write("cd", 2, nullptr);
 }
 
 // What each kind of fault leaves in the file and whether the process goes on.

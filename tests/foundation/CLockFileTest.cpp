@@ -68,7 +68,8 @@ TEST(CLockFileTest, ReadersShareAndAWriterExcludes) {
     writer.reset();
     EXPECT_TRUE(fs->exists(uri));  // kept on request, with the record of a writer now gone
     P<CLockFile> reader(new CLockFile(fs.get(), uri, 1, true));
-    EXPECT_EQ(fs->open(uri, kz::IIOStream::AccessRead, 0)->getLength(), 0);  // the reader cleared it
+    EXPECT_EQ(fs->open(uri, kz::IIOStream::AccessRead, 0)->getLength(),
+              0);  // the reader cleared it
     reader.reset();
     fs->deleteFile(uri, false);
     EXPECT_THROW(CLockFile(fs.get(), uri, 1, false, false), kz::CLockFileError);

@@ -107,6 +107,9 @@ TYPED_TEST(IFileSystemTest, ReadsWritesSeeksAndSetsLength) {
     EXPECT_EQ(stream->readLax(bytes, 4), 0);
     EXPECT_EQ(failureOf([&] { stream->seek(-1); }, this->k.uri), CIOError::BadSeek);
     EXPECT_THROW(stream->setLength(-1), kz::CInvalidArgError);
+    EXPECT_THROW(stream->write("x", -1, nullptr), kz::CInvalidArgError);
+    stream->setLength(0);
+    EXPECT_EQ(stream->getLength(), 0);
     EXPECT_THROW(stream->lockRange(-1, 1, IStreamBase::LockShared), kz::CInvalidArgError);
 }
 
