@@ -7,8 +7,8 @@ faults are drawn from every candidate site of the named files, deterministically
 Each is written into its file, the test programs that link the file are rebuilt (a reused
 build folder, so only what changed is compiled), and they run without the peer tests (those
 with "Qemu" or "Peer" in their names, which run qemu-img). The file is always restored: on
-success, on failure, on Ctrl-C and on SIGTERM; a run killed harder restores it at its next start from the
-copy it keeps in the build folder.
+success, on failure, on Ctrl-C and on SIGTERM; a run killed harder restores it at its next
+start from the copy it keeps in the build folder.
 
 Each fault prints as file:line, the change, and killed (a test failed, crashed or hung),
 survived, or not compiled. The score is killed / (killed + survived).
@@ -453,6 +453,9 @@ def main():
                         help="run every test against every fault (no stop at the first "
                         "failure) and print what each test file alone catches")
     parser.add_argument("--list", action="store_true", help="print the faults, run nothing")
+    parser.add_argument("--only", default="",
+                        help="comma-separated numbers of the draw to run, as the run printed "
+                        "them, so that survivors can be tried again after new tests")
     parser.add_argument("--share", action="store_true", help="print test lines against "
                         "library lines and stop")
     args = parser.parse_args()
@@ -482,7 +485,9 @@ def main():
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     signal.signal(signal.SIGHUP, lambda *_: sys.exit(129))
     configure(build_dir)
-    layers = sorted({f.path.split("/")[0] for f in chosen}, key=LAYERS.index)
+    only = {int(n) for n in args.only.split(",") if n.strip()}
+    selected = [f for n, f in enumerate(chosen, 1) if not only or n in only]
+    layers = sorted({f.path.split("/")[0] for f in selected}, key=LAYERS.index)
     all_programs = sorted({p for l in layers for p in test_programs(l, args.up_to)},
                           key=lambda p: LAYERS.index(p[len("test_"):]))
     timeouts = baseline(build_dir, all_programs, args.jobs)
@@ -493,6 +498,8 @@ def main():
     killers = {}
     try:
         for number, fault in enumerate(chosen, 1):
+            if only and number not in only:
+                continue
             original = texts[fault.path]
             old, new = changed_lines(original, fault)
             programs = test_programs(fault.path.split("/")[0], args.up_to)

@@ -330,6 +330,11 @@ TEST_P(CVMDKSparseExtentFileTest, PreparedGrainsRoundTripAndAdvanceGrainByGrain)
     extent->seek(0);
     extent->readPreparedGrainData(prepared);
     EXPECT_EQ(plainOf(prepared), grains[1]);
+    // Unflushed bytes that prepared data replaces unread are gone, not flushed over it later.
+    extent->seek(0);
+    extent->write(grains[2].data(), 100);
+    extent->seek(0);
+    extent->writePreparedGrainData(prepare(grains[1], 0));
 
     // A refused prepared write keeps the grain's unflushed bytes and the position.
     extent->seek(4 * kGrainBytes + 100);

@@ -425,6 +425,8 @@ TEST_F(CVMDKGrainFixture, ErrorsCarryTheirTextsAndProperties) {
                   ", position=65536, grainSize=65536]");
     EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { grain->read(bytes.data(), -1); }),
               "-1 CVMDKGrain::read: Invalid number of bytes to read: -1 " + uri + "]");
+    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { grain->write(bytes.data(), -1); }),
+              "-1 CVMDKGrain::write: Invalid number of bytes to write: -1 " + uri + "]");
     grain->seek(65535);
     EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->read(bytes.data(), 2); }),
               "4 Unexpected end of data trying to read 2 bytes from VMDK grain. " + uri +
