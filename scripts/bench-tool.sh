@@ -10,7 +10,8 @@
 # compressed on one and two threads beside `qemu-img convert -O vmdk -o
 # subformat=streamOptimized` and libdeflate level 1 over the same grains (CPU only); raw ->
 # encrypted beside `openssl enc -aes-256-cbc` + sync and AES-256-CBC over the same grains (CPU
-# only); VMDK -> raw beside `qemu-img convert -O raw` and `cat` + sync.
+# only); VMDK -> raw beside `qemu-img convert -O raw` and `cat` + sync; qemu-img's
+# stream-optimized file of the ext4 image -> compressed, beside qemu-img converting it again.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -126,3 +127,11 @@ for image in ext4 random; do
     case_row "cat + sync" "cat src.vmdk > out.raw && sync"
     rm -f src.vmdk
 done
+
+# Importing another writer's file: qemu-img's stream-optimized form of the ext4 image, whose
+# stored grains harl-img moves into its compressed disk as they are.
+qemu-img convert -O vmdk -o subformat=streamOptimized ext4.raw qemu-stream.vmdk
+group "qemu-img's stream-optimized VMDK of ext4.raw → compressed VMDK"
+case_row "harl-img convert -c" "$tool convert -q -O vmdk -c qemu-stream.vmdk out.vmdk && sync"
+case_row "qemu-img convert subformat=streamOptimized" \
+    "qemu-img convert -O vmdk -o subformat=streamOptimized qemu-stream.vmdk out.vmdk && sync"

@@ -109,11 +109,11 @@ TEST(CVMDKImportDiskTest, ReadsDescriptorsOfMixedExtentTypes) {
         *fs, "disk.vmdk",
         bytesOf("# Disk DescriptorFile\nversion=1\nCID=fffffffe\nparentCID=ffffffff\n"
                 "createType=\"vmfs\"\n\n# Extent description\n"
-                "RW 384 SPARSE \"s.vmdk\"\nRW 256 ZERO\r\nRW 0 ZERO\nRW 0 FLAT \"none.bin\" 0\n"
+                "RW 384 SPARSE \"s.vmdk\"\nRW 1024 ZERO\r\nRW 0 FLAT \"none.bin\" 0\n"
                 "RW 512 VMFS \"disk-flat.vmdk\"\nRW 128 FLAT \"data.bin\" 256\n"
                 "\n# The Disk Data Base\nddb.adapterType = \"lsilogic\"\n"));
     Bytes expected = streamed;
-    expected.resize(expected.size() + 2 * kGrain, 0);
+    expected.resize(expected.size() + 8 * kGrain, 0);
     expected.insert(expected.end(), flat.begin(), flat.end());
     const Bytes data = harltest::makeRandomData(3 * kGrain, 3);
     expected.insert(expected.end(), data.begin() + 2 * kGrain, data.end());

@@ -159,6 +159,27 @@ TEST(CVMDKStreamOptimizedExtentTest, ReadsFooterStyleFilesByDirectoryOrScan) {
     expectReadsAs(*openExtent(stream.get()), swapped, file);
 }
 
+// Grains that another writer stored longer than the library's compressed form can hold come
+// out of the prepared path compressed anew, and read back as they were.
+TEST(CVMDKStreamOptimizedExtentTest, PreparesAnewWhatItCannotPassOn) {
+    const Bytes raw = harltest::makeRandomData(3 * kGrainBytes, 9);
+    const harltest::CStreamOptimizedLayout layout =
+        harltest::buildStreamOptimizedFile(raw, "x.vmdk", 8, 200);
+    kz::P<kz::CBufferStream> stream(new kz::CBufferStream(layout.file, kz::CURI("file:///x.vmdk")));
+    kz::P<CVMDKStreamOptimizedExtentFile> extent = openExtent(stream.get());
+    kz::P<CVMDKDataPreparer> preparer = extent->createDataPreparer();
+    kz::P<kz::TBuffer<unsigned char>> prepared(new kz::TBuffer<unsigned char>);
+    kz::P<kz::TBuffer<unsigned char>> plain(new kz::TBuffer<unsigned char>);
+    for (long long grain = 0; grain < 3; ++grain) {
+        extent->readPreparedGrainData(*prepared);
+        EXPECT_LE(static_cast<long long>(prepared->getUsed()),
+                  preparer->getWorstCaseGrainSizeSectors() * static_cast<long long>(kSector));
+        EXPECT_EQ(0,
+                  std::memcmp(preparer->unprepareGrainData(prepared.get(), plain.get())->getData(),
+                              raw.data() + grain * kGrainBytes, kGrainBytes));
+    }
+}
+
 // Damage at named places: each ends in a CIOError code 5 that names the file, at opening or at
 // the first read of the grain it concerns, never in a crash or in wrong data.
 TEST(CVMDKStreamOptimizedExtentTest, DamagedFilesEndInClearErrors) {

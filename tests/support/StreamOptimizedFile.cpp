@@ -3,7 +3,10 @@
 #include "harl/foundation/kz/P.h"
 #include "harl/foundation/pcu/CZLibCompressor.h"
 
+#include <zlib.h>
+
 #include <algorithm>
+#include <stdexcept>
 
 namespace harltest {
 
@@ -58,10 +61,17 @@ void putHeader(Bytes& file, size_t at, long long capacitySectors, long long grai
 }
 
 void appendGrain(Bytes& file, const unsigned char* data, long long grainIndex,
-                 pcu::CZLibCompressor& zlib) {
+                 pcu::CZLibCompressor& zlib, int emptyBlocks) {
     Bytes packed(static_cast<size_t>(zlib.getCompressedSizeUpperBound(kGrainBytes)));
-    const int size =
-        zlib.compressSingleStep(data, kGrainBytes, packed.data(), static_cast<int>(packed.size()));
+    packed.resize(static_cast<size_t>(zlib.compressSingleStep(data, kGrainBytes, packed.data(),
+                                                              static_cast<int>(packed.size()))));
+    // An empty stored block that is not the last: its header bits padded to a byte, a length
+    // of 0 and its complement. It leaves the deflate data byte-aligned, as it found it.
+    const Bytes emptyBlock = {0x00, 0x00, 0x00, 0xff, 0xff};
+    for (int i = 0; i < emptyBlocks; ++i) {
+        packed.insert(packed.begin() + 2, emptyBlock.begin(), emptyBlock.end());
+    }
+    const int size = static_cast<int>(packed.size());
     const long long sector = appendSectors(file, (12 + size + kSector - 1) / kSector);
     putLE(file, sector * kSector, grainIndex * kGrainSectors, 8);
     putLE(file, sector * kSector + 8, static_cast<unsigned>(size), 4);
@@ -71,7 +81,7 @@ void appendGrain(Bytes& file, const unsigned char* data, long long grainIndex,
 }  // namespace
 
 CStreamOptimizedLayout buildStreamOptimizedFile(const Bytes& raw, const std::string& fileName,
-                                                long long grainsPerTable) {
+                                                long long grainsPerTable, int emptyBlocks) {
     const long long tableSectors = (grainsPerTable * 4 + kSector - 1) / kSector;
     const long long capacitySectors = static_cast<long long>(raw.size()) / kSector;
     const long long grainCount = (capacitySectors + kGrainSectors - 1) / kGrainSectors;
@@ -104,7 +114,7 @@ CStreamOptimizedLayout buildStreamOptimizedFile(const Bytes& raw, const std::str
             }
             layout.grainSectors[index] = static_cast<long long>(file.size()) / kSector;
             entries[i] = static_cast<unsigned>(layout.grainSectors[index]);
-            appendGrain(file, grain.data(), index, *zlib);
+            appendGrain(file, grain.data(), index, *zlib, emptyBlocks);
         }
         if (std::all_of(entries.begin(), entries.end(), [](unsigned e) { return e == 0; })) {
             layout.tableSectors.push_back(0);

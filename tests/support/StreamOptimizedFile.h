@@ -23,9 +23,11 @@ struct CStreamOptimizedLayout {
 // the grains that are not all zero behind grain markers, each table that holds a grain behind
 // a table marker, the directory behind its marker, then footer marker, footer (the header with
 // the real directory offset) and end-of-stream marker. `raw` is the disk; its size is a
-// multiple of 512. Grains of 128 sectors, `grainsPerTable` to a table (writers use 512).
+// multiple of 512. Grains of 128 sectors, `grainsPerTable` to a table (writers use 512), each
+// grain's deflate data behind `emptyBlocks` empty stored blocks, which a writer may leave.
 CStreamOptimizedLayout buildStreamOptimizedFile(const std::vector<unsigned char>& raw,
                                                 const std::string& fileName,
-                                                long long grainsPerTable = 512);
+                                                long long grainsPerTable = 512,
+                                                int emptyBlocks = 0);
 
 }  // namespace harltest
