@@ -234,6 +234,22 @@ TEST_P(CVMDKGrainTest, AFailedStoreLeavesTheGrainDirtyForTheNextFlush) {
         EXPECT_EQ(readBack(0, 0), data);
     }
     EXPECT_EQ(extent.allocator->calls.size(), 2u);  // the failed first store and its retry
+
+    // Prepared data that fails to reach its slot still replaced the unflushed bytes: a later
+    // flush has nothing to write.
+    openGrain(*grain, extent, 0, 0);
+    grain->write(fsData.data(), 100);
+    grain->seek(0);
+    kz::P<Buffer> plain(new Buffer), aux(new Buffer);
+    plain->assign(fsData.data(), fsData.size());
+    extent.stream->failWritesFrom(0);
+    EXPECT_THROW(grain->writePreparedGrainData(
+                     *grain->createDataPreparer()->prepareGrainData(plain.get(), 0, aux.get())),
+                 kz::CIOError);
+    extent.stream->failWritesFrom(-1);
+    const size_t writes = extent.stream->writes.size();
+    grain->flushChangesToStream();
+    EXPECT_EQ(extent.stream->writes.size(), writes);
 }
 
 TEST_P(CVMDKGrainTest, MakesGrainsIndependentWithoutLosingChanges) {
