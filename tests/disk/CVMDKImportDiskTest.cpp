@@ -5,6 +5,7 @@
 #include "harl/grain/VMDKEmptyExtent.h"
 
 #include "tests/support/CScratchFolder.h"
+#include "tests/support/DiskTestNames.h"
 #include "tests/support/QemuImg.h"
 #include "tests/support/SampleData.h"
 #include "tests/support/StreamOptimizedFile.h"
@@ -19,15 +20,12 @@
 
 namespace {
 
+using namespace harltest::disk;
+
 using namespace harl;
 using harltest::Bytes;
 
-constexpr long long kGrain = 65536;
 constexpr long long kSector = 512;
-
-kz::CURI at(const std::string& name) {
-    return kz::CURI("file:///d/" + name);
-}
 
 void writeFile(kz::IFileSystem& fs, const std::string& name, const Bytes& content) {
     kz::P<kz::IIOStream> stream = fs.open(at(name), kz::IIOStream::AccessReadWrite, 0);
@@ -105,13 +103,12 @@ TEST(CVMDKImportDiskTest, ReadsDescriptorsOfMixedExtentTypes) {
     const Bytes flat = harltest::makeTextLikeData(4 * kGrain, 2);
     writeFile(*fs, "disk-flat.vmdk", flat);
     writeFile(*fs, "data.bin", harltest::makeRandomData(3 * kGrain, 3));
-    writeFile(
-        *fs, "disk.vmdk",
-        bytesOf("# Disk DescriptorFile\nversion=1\nCID=fffffffe\nparentCID=ffffffff\n"
-                "createType=\"vmfs\"\n\n# Extent description\n"
-                "RW 384 SPARSE \"s.vmdk\"\nRW 1024 ZERO\r\nRW 0 FLAT \"none.bin\" 0\n"
-                "RW 512 VMFS \"disk-flat.vmdk\"\nRW 128 FLAT \"data.bin\" 256\n"
-                "\n# The Disk Data Base\nddb.adapterType = \"lsilogic\"\n"));
+    writeFile(*fs, "disk.vmdk",
+              bytesOf("# Disk DescriptorFile\nversion=1\nCID=fffffffe\nparentCID=ffffffff\n"
+                      "createType=\"vmfs\"\n\n# Extent description\n"
+                      "RW 384 SPARSE \"s.vmdk\"\nRW 1024 ZERO\r\nRW 0 FLAT \"none.bin\" 0\n"
+                      "RW 512 VMFS \"disk-flat.vmdk\"\nRW 128 FLAT \"data.bin\" 256\n"
+                      "\n# The Disk Data Base\nddb.adapterType = \"lsilogic\"\n"));
     Bytes expected = streamed;
     expected.resize(expected.size() + 8 * kGrain, 0);
     expected.insert(expected.end(), flat.begin(), flat.end());

@@ -5,6 +5,7 @@
 #include "harl/foundation/kz/CMemoryFileSystem.h"
 
 #include "tests/support/CLogCapture.h"
+#include "tests/support/DiskTestNames.h"
 #include "tests/support/SampleData.h"
 #include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
@@ -16,19 +17,12 @@
 
 namespace {
 
+using namespace harltest::disk;
+
 using harl::CVMDKDisk;
 using harl::CVMDKParentDiskDataProvider;
 using harltest::Bytes;
 using harltest::errorText;
-
-constexpr long long kGrain = 65536;
-constexpr long long kMiB = 1024 * 1024;
-const kz::IIOStream::Access kRead = kz::IIOStream::AccessRead;
-const kz::IIOStream::Access kWrite = kz::IIOStream::AccessReadWrite;
-
-kz::CURI at(const std::string& name) {
-    return kz::CURI("file:///d/" + name);
-}
 
 Bytes grainOf(unsigned seed) {
     return harltest::makeFileSystemLikeData(kGrain, seed);
