@@ -4,6 +4,7 @@
 
 #include "tests/support/CLogCapture.h"
 #include "tests/support/CScratchFolder.h"
+#include "tests/support/DiskTestNames.h"
 #include "tests/support/QemuImg.h"
 #include "tests/support/SampleData.h"
 #include "tests/support/TestFiles.h"
@@ -17,12 +18,10 @@
 
 namespace {
 
+using namespace harltest::disk;
+
 using harl::CVMDKDisk;
 using harltest::Bytes;
-
-constexpr long long kGrain = 65536;
-constexpr long long kMiB = 1024 * 1024;
-const kz::IIOStream::Access kRead = kz::IIOStream::AccessRead;
 
 // Whole disks against qemu-img and qemu-io, the other implementation of the format: what it
 // writes must read equal here, and what is written here must check clean and compare equal

@@ -4,6 +4,7 @@
 
 #include "tests/support/CLogCapture.h"
 #include "tests/support/CRecordingDataProvider.h"
+#include "tests/support/DiskTestNames.h"
 #include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
@@ -14,14 +15,14 @@
 
 namespace {
 
+using namespace harltest::disk;
+
 using harltest::CRecordingDataProvider;
 using harltest::thrownText;
 using Trace = std::vector<std::string>;
 using Providers = std::map<std::string, harl::IVMDKDataProvider*>;
 
 const std::string kMain = "[mainFileURI=file:///d/disk.vmdk";
-const kz::IIOStream::Access kRead = kz::IIOStream::AccessRead;
-const kz::IIOStream::Access kWrite = kz::IIOStream::AccessReadWrite;
 
 struct CWorld {
     Trace trace;
