@@ -1,6 +1,7 @@
 #include "harl/extent/CVMDKFlatExtentFile.h"
 #include "harl/foundation/kz/CBufferStream.h"
 #include "harl/foundation/kz/CIOError.h"
+#include "harl/foundation/kz/CInvalidArgError.h"
 
 #include "tests/support/SampleData.h"
 #include "tests/support/ThrownText.h"
@@ -56,6 +57,10 @@ TEST(CVMDKFlatExtentFileTest, ReadsItsRangeOfTheFileAndNothingElse) {
             "position=3072, grainSize=1024, extentSize=3584]");
         EXPECT_EQ(harltest::thrownText<kz::CError>([&] { extent->write(read.data(), 1); }),
                   "-1 Internal error: write method called on read-only VMDK extent file. "
+                  "[uri=file:///x-flat.vmdk]");
+        extent->seek(kSizeSectors * kSector);  // the end itself is a position
+        EXPECT_EQ(harltest::thrownText<kz::CInvalidArgError>([&] { extent->seek(-1); }),
+                  "-1 CVMDKReadOnlyExtentFile::seek: Invalid position: -1 "
                   "[uri=file:///x-flat.vmdk]");
     }
     EXPECT_EQ(harltest::thrownText<kz::CIOError>([&] {

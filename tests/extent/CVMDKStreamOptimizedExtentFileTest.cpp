@@ -234,6 +234,12 @@ TEST(CVMDKStreamOptimizedExtentTest, DamagedFilesEndInClearErrors) {
         {"marker length beyond any grain",
          [&](auto& file) { putLE(file, lastGrain + 8, 131073, 4); },
          "VMDK grain marker has an invalid compressed size."},
+        {"marker length beyond any grain, scanned",
+         [&](auto& file) {
+             scanOnly(file);
+             putLE(file, lastGrain + 8, 131073, 4);
+         },
+         "VMDK grain marker has an invalid compressed size."},
         {"marker of another grain", [&](auto& file) { putLE(file, lastGrain, 0, 8); },
          "VMDK grain marker names another grain than its table."},
         {"marker of another grain, scanned",
