@@ -65,6 +65,7 @@ TEST(VMDKFileReferenceTest, ReportsBadPathsAndBadURIs) {
     }
     EXPECT_THROW(vmdkFileReferenceToURI(kUnixFolder, "http://host/%zz"), kz::CError);
     EXPECT_THROW(vmdkFileReferenceToURI(kUnixFolder, "disk 1:a.vmdk"), kz::CError);
+    EXPECT_THROW(vmdkFileReferenceToURI(kUnixFolder, "1:\\b.vmdk"), kz::CError);  // no drive
 }
 
 }  // namespace
