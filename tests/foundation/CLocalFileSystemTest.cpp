@@ -28,6 +28,13 @@ TEST(CLocalFileSystemTest, TakesOnlyLocalFileURIsWithTheirDecodedPath) {
     fs->open(spaced, IIOStream::AccessReadWrite, 0)->write("x", 1, nullptr);
     EXPECT_TRUE(std::filesystem::exists(folder.file("a b\xC3\xA4")));
     EXPECT_TRUE(fs->exists(spaced));
+    // A stream that is let go closes its file.
+    const auto openFiles = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto before = openFiles();
+    fs->open(spaced, IIOStream::AccessRead, 0);
+    EXPECT_EQ(openFiles(), before);
 }
 
 TEST(CLocalFileSystemTest, ReportsTheSystemsErrorWithTheURI) {
