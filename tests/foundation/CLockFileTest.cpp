@@ -2,6 +2,7 @@
 #include "harl/foundation/kz/CLocalFileSystem.h"
 #include "harl/foundation/kz/CLockFile.h"
 #include "harl/foundation/kz/CLockFileError.h"
+#include "harl/foundation/kz/CLockHolder.h"
 #include "harl/foundation/kz/CMemoryFileSystem.h"
 
 #include "tests/support/CScratchFolder.h"
@@ -75,6 +76,19 @@ TEST(CLockFileTest, ReadersShareAndAWriterExcludes) {
     EXPECT_THROW(CLockFile(fs.get(), uri, 1, false, false), kz::CLockFileError);
     EXPECT_FALSE(fs->exists(uri));
     EXPECT_THROW(CLockFile(fs.get(), uri, 3), kz::CInvalidArgError);
+}
+
+// A writer's record names its process (1 is a process too, the first of a container) and host;
+// anything else names nobody.
+TEST(CLockFileTest, ReadsTheRecordOfAWriterAndNothingElse) {
+    const kz::CURI uri("mem:///disk.vmdk.lock");
+    const P<kz::CLockHolder> first = kz::CLockHolder::parse(uri, "pid=1\nhost=box\n");
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->getProcessID(), 1);
+    EXPECT_EQ(first->getHostName(), "box");
+    for (const char* record : {"", "pid=0\nhost=box\n", "pid=x\nhost=box\n", "host=box\n"}) {
+        EXPECT_FALSE(kz::CLockHolder::parse(uri, record)) << record;
+    }
 }
 
 TEST(CLockFileTest, OnAReadOnlyMediumOnlyReadersOfAnExistingFileLock) {

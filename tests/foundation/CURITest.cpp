@@ -27,6 +27,7 @@ TEST(CURITest, ParsesAndDecodesComponents) {
     EXPECT_EQ(CURI("http://[::1]:65535"), CURI("http", "", "", "[::1]", 65535, "", "", ""));
     EXPECT_EQ(text(CURI("http://[::1]:65535")), "http://[::1]:65535");
     EXPECT_EQ(text(CURI("http://h:0/")), "http://h:0/");
+    EXPECT_EQ(text(CURI("http", "", "", "[::1 ]", -1, "/", "", "")), "http://%5B%3A%3A1%20%5D/");
     EXPECT_EQ(CURI("../a b/c"), CURI("", "", "", "", -1, "../a b/c", "", ""));
     EXPECT_FALSE(CURI("../a b/c").isAbsolute());
     EXPECT_TRUE(CURI("").isEmpty());
