@@ -34,6 +34,10 @@ TEST(TBufferTest, GrowingKeepsUsedBytesAndAlignment) {
     one[0] = 7;
     one.ensureAllocated(1000);
     EXPECT_EQ(one[0], 7);
+    const unsigned char tail[] = {8, 9};
+    one.append(tail, 2);
+    ASSERT_EQ(one.getUsed(), 3u);
+    EXPECT_EQ(one[2], 9);
 }
 
 TEST(TBufferTest, HeapBuffersAreReferenceCounted) {

@@ -51,6 +51,7 @@ TEST(TextTest, HexEncodesAndDecodesBytes) {
     EXPECT_EQ(kz::hexDecode("").getUsed(), 0u);
     EXPECT_THROW(kz::hexDecode("abc"), kz::CError);
     EXPECT_THROW(kz::hexDecode("zz"), kz::CError);
+    EXPECT_THROW(kz::hexDecode("0z"), kz::CError);
 }
 
 }  // namespace
