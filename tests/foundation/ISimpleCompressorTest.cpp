@@ -6,6 +6,7 @@
 #include "harl/foundation/rcu/CMiniZCompressor.h"
 
 #include "tests/support/SampleData.h"
+#include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -130,6 +131,15 @@ TEST_P(ISimpleCompressorTest, RefusesTruncatedCorruptAndOversizedStreams) {
 
 INSTANTIATE_TEST_SUITE_P(Engines, ISimpleCompressorTest, testing::ValuesIn(kEngines),
                          [](const auto& info) { return std::string(info.param.name); });
+
+// A stream that needs a preset dictionary, which zlib reports without a message of its own.
+TEST(ISimpleCompressorTest, ZlibNamesAStreamThatNeedsADictionary) {
+    const unsigned char stream[] = {0x78, 0xbb, 0, 0, 0, 1, 0x03, 0x00};
+    unsigned char out[16];
+    const std::string text = harltest::thrownText<kz::CIOError>(
+        [&] { kz::makeP<pcu::CZLibCompressor>(6)->decompressSingleStep(stream, 8, out, 16); });
+    EXPECT_NE(text.find("preset dictionary"), std::string::npos) << text;
+}
 
 TEST(ISimpleCompressorTest, EnginesCheckAndNameTheirLevel) {
     EXPECT_THROW(kz::makeP<pcu::CZLibCompressor>(10), kz::CInvalidArgError);
