@@ -213,6 +213,11 @@ TEST_P(CVMDKGrainTest, ZerosOnAnUnallocatedGrainAreStoredOnlyOverAProvider) {
     grain->close();
     EXPECT_EQ(extent.allocator->calls.size(), 2u);
     EXPECT_EQ(readGrain(*makeGrain(provider.get()), extent, 1, 1), grainOf({}));
+    // A grain the file marks as zeroed reads as zeros over the provider, with no write.
+    Bytes read(kGrainBytes, 1);
+    grain->openZeroed(3, 3);
+    grain->read(read.data(), kGrainBytes);
+    EXPECT_EQ(read, zeros);
 }
 
 TEST_P(CVMDKGrainTest, AFailedStoreLeavesTheGrainDirtyForTheNextFlush) {
