@@ -328,7 +328,6 @@ void CVMDKGrain::flushChangesToStream() {
     const kz::P<Buffer> prepared =
         dataPreparer->prepareGrainData(grainData.get(), diskGrainIndex, preparedData.get());
     writePreparedGrainDataInternal(Slice(*prepared), false);
-    dirty = false;
 }
 
 void CVMDKGrain::readPreparedGrainData(kz::TBuffer<unsigned char>& data) {
