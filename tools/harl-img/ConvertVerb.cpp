@@ -4,6 +4,7 @@
 #include "CConversionPipeline.h"
 #include "CProgressMeter.h"
 #include "CSourceImage.h"
+#include "CWriteBehindFileSystem.h"
 #include "CommandLine.h"
 #include "Verbs.h"
 
@@ -166,7 +167,9 @@ int runConvert(CConvertArguments& a) {
     applyTargetOptionList(a.target);
     const kz::P<CConfinedFileSystem> fileSystem = makeFileSystem(a.common, {a.source, a.output});
     const CSourceImage source(fileSystem.get(), a.source, a.sourceFormat, a.sourcePasswordFile);
-    CTarget target(a, fileSystem.get(), source);
+    // The target alone writes, and behind the writer thread, which then only stores grains.
+    const kz::P<kz::IFileSystem> targetFileSystem = kz::makeP<CWriteBehindFileSystem>(fileSystem);
+    CTarget target(a, targetFileSystem.get(), source);
     const int workers = a.common.threads > 0
                             ? a.common.threads
                             : std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
