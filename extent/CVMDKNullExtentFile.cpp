@@ -1,5 +1,6 @@
 #include "harl/extent/CVMDKNullExtentFile.h"
 
+#include "harl/extent/PreparedGrainRange.h"
 #include "harl/foundation/kz/CError.h"
 #include "harl/foundation/kz/CIOError.h"
 #include "harl/foundation/kz/CInvalidArgError.h"
@@ -105,20 +106,7 @@ void CVMDKNullExtentFile::writePreparedGrainData(const kz::TBuffer<unsigned char
 }
 
 void CVMDKNullExtentFile::readPreparedGrainData(kz::TBuffer<unsigned char>& data) {
-    if (grainSizeBytes > sizeBytes - position) {
-        throw kz::CIOError(kz::CIOError::WritePastEnd,
-                           "Prepared grain read exceeds VMDK extent size.",
-                           uriProps()
-                               .add("position", position)
-                               .add("grainSize", grainSizeBytes)
-                               .add("extentSize", sizeBytes));
-    }
-    if (position % grainSizeBytes != 0) {
-        throw kz::CIOError(
-            kz::CIOError::OffGrainBoundary,
-            "Prepared grain read in VMDK extent file can only be done on a grain boundary.",
-            uriProps().add("position", position).add("grainSize", grainSizeBytes));
-    }
+    checkPreparedGrainRange("read", position, grainSizeBytes, sizeBytes, uriProps());
     const long long grainIndex = position / grainSizeBytes + startGrainIndex;
     if (fallbackDataProvider) {
         // The constructor keeps the grain size within an int.

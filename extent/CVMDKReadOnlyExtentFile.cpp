@@ -1,5 +1,6 @@
 #include "harl/extent/CVMDKReadOnlyExtentFile.h"
 
+#include "harl/extent/PreparedGrainRange.h"
 #include "harl/format/VMDKMarkers.h"
 #include "harl/foundation/kz/CError.h"
 #include "harl/foundation/kz/CIOError.h"
@@ -58,20 +59,7 @@ void CVMDKReadOnlyExtentFile::checkReadRange(int size) const {
 }
 
 void CVMDKReadOnlyExtentFile::checkPreparedGrainRead() const {
-    if (grainSizeBytes > sizeBytes - position) {
-        throw kz::CIOError(kz::CIOError::WritePastEnd,
-                           "Prepared grain read exceeds VMDK extent size.",
-                           uriProps()
-                               .add("position", position)
-                               .add("grainSize", grainSizeBytes)
-                               .add("extentSize", sizeBytes));
-    }
-    if (position % grainSizeBytes != 0) {
-        throw kz::CIOError(
-            kz::CIOError::OffGrainBoundary,
-            "Prepared grain read in VMDK extent file can only be done on a grain boundary.",
-            uriProps().add("position", position).add("grainSize", grainSizeBytes));
-    }
+    checkPreparedGrainRange("read", position, grainSizeBytes, sizeBytes, uriProps());
 }
 
 void CVMDKReadOnlyExtentFile::write(const void*, int) {

@@ -1,6 +1,7 @@
 #include "harl/extent/CVMDKSparseExtentFile.h"
 
 #include "harl/extent/CVMDKContentIDUpdater.h"
+#include "harl/extent/PreparedGrainRange.h"
 #include "harl/format/CVMDKSparseExtentHeader.h"
 #include "harl/format/VMDKMarkers.h"
 #include "harl/foundation/kz/CBufferStream.h"
@@ -301,24 +302,6 @@ void CVMDKSparseExtentFile::write(const void* buffer, int size) {
     }
 }
 
-void CVMDKSparseExtentFile::checkPreparedGrainRange(bool write) {
-    const char* what = write ? "write" : "read";
-    if (position + grainSizeBytes > capacityBytes) {
-        throw kz::CIOError(kz::CIOError::WritePastEnd,
-                           kz::String("Prepared grain ") + what + " exceeds VMDK extent size.",
-                           uriProps()
-                               .add("position", position)
-                               .add("grainSize", grainSizeBytes)
-                               .add("extentSize", capacityBytes));
-    }
-    if (position % grainSizeBytes != 0) {
-        throw kz::CIOError(kz::CIOError::OffGrainBoundary,
-                           kz::String("Prepared grain ") + what +
-                               " in VMDK extent file can only be done on a grain boundary.",
-                           uriProps().add("position", position).add("grainSize", grainSizeBytes));
-    }
-}
-
 void CVMDKSparseExtentFile::checkWholeGrain(long long chunk, const char* operation) const {
     if (chunk != grainSizeBytes) {
         throw kz::CError(kz::String("Internal error: CVMDKSparseExtentFile::beginIOOp in "
@@ -334,7 +317,7 @@ void CVMDKSparseExtentFile::checkWholeGrain(long long chunk, const char* operati
 }
 
 void CVMDKSparseExtentFile::readPreparedGrainData(kz::TBuffer<unsigned char>& data) {
-    checkPreparedGrainRange(false);
+    checkPreparedGrainRange("read", position, grainSizeBytes, capacityBytes, uriProps());
     const long long chunk = beginIOOp(grainSizeBytes);
     checkWholeGrain(chunk, "tryReadPreparedGrainData");
     grain->readPreparedGrainData(data);
@@ -342,7 +325,7 @@ void CVMDKSparseExtentFile::readPreparedGrainData(kz::TBuffer<unsigned char>& da
 }
 
 void CVMDKSparseExtentFile::writePreparedGrainData(const kz::TBuffer<unsigned char>& data) {
-    checkPreparedGrainRange(true);
+    checkPreparedGrainRange("write", position, grainSizeBytes, capacityBytes, uriProps());
     onAboutToChange();
     const long long chunk = beginIOOp(grainSizeBytes);
     checkWholeGrain(chunk, "writePreparedGrainData");

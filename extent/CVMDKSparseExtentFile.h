@@ -118,7 +118,6 @@ private:
     // Has the directory check each table's entries against the file's metadata and the end of
     // its data as the table is read, so that no grain is read or written through a bad entry.
     void checkSlotsOfTables();
-    void checkPreparedGrainRange(bool write);
     // The internal error of a prepared operation that found less than a grain before it.
     void checkWholeGrain(long long chunk, const char* operation) const;
 
