@@ -23,6 +23,7 @@
 #include "harl/foundation/kz/CLocalFileSystem.h"
 #include "harl/foundation/vesk/KeyDerivation.h"
 
+#include "bench/CBenchScratchFolder.h"
 #include "tests/support/SampleData.h"
 #include <benchmark/benchmark.h>
 
@@ -45,39 +46,8 @@ constexpr long long kGrainBytes = 65536;
 constexpr long long kTwoTiB = 2LL << 40;
 const kz::IIOStream::Access kRead = kz::IIOStream::AccessRead;
 
-class CScratch {
-public:
-    CScratch() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "harl-disk-XXXXXX");
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("Cannot create a scratch folder from " + pattern);
-        }
-        path = pattern;
-        keep = std::getenv("HARL_BENCH_KEEP") != nullptr;
-        if (keep) {
-            std::fprintf(stderr, "Scratch folder kept: %s\n", path.c_str());
-        }
-    }
-
-    ~CScratch() {
-        if (!keep) {
-            std::filesystem::remove_all(path);
-        }
-    }
-
-    std::string file(const std::string& name) const { return path + "/" + name; }
-
-    kz::CURI uri(const std::string& name) const { return kz::CURI("file://" + file(name)); }
-
-    kz::P<kz::IFileSystem> fs{new kz::CLocalFileSystem};
-
-private:
-    std::string path;
-    bool keep = false;
-};
-
-CScratch& scratch() {
-    static CScratch instance;
+CBenchScratchFolder& scratch() {
+    static CBenchScratchFolder instance("harl-disk");
     return instance;
 }
 

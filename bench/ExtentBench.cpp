@@ -23,6 +23,7 @@
 #include "harl/grain/CVMDKGrainTableCache.h"
 #include "harl/grain/VMDKEmptyExtent.h"
 
+#include "bench/CBenchScratchFolder.h"
 #include "tests/support/SampleData.h"
 #include <benchmark/benchmark.h>
 
@@ -61,34 +62,11 @@ long long imageBytes() {
 }
 
 // The scratch folder with the raw image, made on first use and removed at exit unless kept.
-class CScratch {
+class CScratch : public CBenchScratchFolder {
 public:
-    CScratch() : bytes(imageBytes()) {
-        std::string pattern = (std::filesystem::temp_directory_path() / "harl-bench-XXXXXX");
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("Cannot create a scratch folder from " + pattern);
-        }
-        path = pattern;
-        keep = std::getenv("HARL_BENCH_KEEP") != nullptr;
-        if (keep) {
-            std::fprintf(stderr, "Scratch folder kept: %s\n", path.c_str());
-        }
-        writeRawImage();
-    }
+    CScratch() : CBenchScratchFolder("harl-bench"), bytes(imageBytes()) { writeRawImage(); }
 
-    ~CScratch() {
-        if (!keep) {
-            std::error_code ignored;
-            std::filesystem::remove_all(path, ignored);
-        }
-    }
-
-    std::string file(const std::string& name) const { return path + "/" + name; }
-
-    // Scratch paths hold no character that a URI would need to encode.
-    kz::CURI uriOf(const std::string& name) const {
-        return kz::CURI(kz::String("file://" + file(name)));
-    }
+    kz::CURI uriOf(const std::string& name) const { return uri(name); }
 
     kz::IFileSystem* fileSystem() const { return fs.get(); }
 
@@ -106,10 +84,7 @@ private:
         out->close();
     }
 
-    kz::P<kz::CLocalFileSystem> fs{new kz::CLocalFileSystem};
     long long bytes;
-    std::string path;
-    bool keep = false;
 };
 
 CScratch& scratch() {

@@ -17,6 +17,7 @@
 #include "harl/disk/CVMDKImportDisk.h"
 #include "harl/foundation/kz/CLocalFileSystem.h"
 
+#include "bench/CBenchScratchFolder.h"
 #include "tests/support/SampleData.h"
 #include <benchmark/benchmark.h>
 
@@ -39,32 +40,9 @@ constexpr long long kDiskBytes = 1024 * kMiB;
 constexpr long long kHoleEveryBytes = 8 * kMiB;
 constexpr int kChunkBytes = 1 << 20;
 
-class CScratch {
+class CScratch : public CBenchScratchFolder {
 public:
-    CScratch() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "harl-import-XXXXXX");
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("Cannot create a scratch folder from " + pattern);
-        }
-        path = pattern;
-        keep = std::getenv("HARL_BENCH_KEEP") != nullptr;
-        if (keep) {
-            std::fprintf(stderr, "Scratch folder kept: %s\n", path.c_str());
-        }
-        makeSource();
-    }
-
-    ~CScratch() {
-        if (!keep) {
-            std::filesystem::remove_all(path);
-        }
-    }
-
-    std::string file(const std::string& name) const { return path + "/" + name; }
-
-    kz::CURI uri(const std::string& name) const { return kz::CURI("file://" + file(name)); }
-
-    kz::P<kz::IFileSystem> fs{new kz::CLocalFileSystem};
+    CScratch() : CBenchScratchFolder("harl-import") { makeSource(); }
 
 private:
     // The raw image, then qemu-img's stream-optimized file of it; the raw image goes again.
@@ -89,8 +67,6 @@ private:
         std::filesystem::remove(file("raw.img"));
     }
 
-    std::string path;
-    bool keep = false;
 };
 
 CScratch& scratch() {
