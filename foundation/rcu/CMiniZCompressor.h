@@ -18,6 +18,12 @@ namespace rcu {
 // its output; a destination smaller than the bound is therefore served through a scratch
 // buffer, so that output that fits exactly is not refused. Not copyable: the engines are the
 // object's own.
+//
+// Input that deflate cannot shrink (random, encrypted or already compressed content) costs the
+// engine more time than any other, for nothing. At levels 1 and up, an input of at least
+// kSampleMinBytes that looks like such content (byte values spread near evenly at its start,
+// middle and end, and a sample of its middle that does not shrink) goes into deflate's stored blocks instead,
+// as level 0 writes them: the same format, a few bytes longer than the input.
 class CMiniZCompressor : public kz::CBase, public virtual kz::ISimpleCompressor {
 public:
     // A level outside -1..12 throws CInvalidArgError.
@@ -34,12 +40,19 @@ public:
 
     int getLevel() const { return level; }
 
+    static constexpr int kSampleMinBytes = 16384;
+
 protected:
     ~CMiniZCompressor() override;
 
 private:
+    // True when the middle of the input looks as if deflate cannot shrink it.
+    bool looksIncompressible(const unsigned char* source, int sourceSize);
+    static libdeflate_compressor* allocCompressor(int level);
+
     int level;
     libdeflate_compressor* compressor = nullptr;
+    libdeflate_compressor* storingCompressor = nullptr;
     libdeflate_decompressor* decompressor = nullptr;
     kz::TBuffer<unsigned char> scratch;
 };
