@@ -270,7 +270,7 @@ TEST_F(CVMDKSparseExtentOpeningTest, RefusesBadHeadersInOrder) {
             [=](unsigned char* h) { std::memcpy(h + offset, &value, bytes); });  // little-endian
     };
     for (const auto& poke :
-         {field(20, 0), field(44, 0, 4), field(20, 0x10000080), field(12, 0x7fULL << 56),
+         {field(20, 0), field(44, 0, 4), field(20, 0x10000080), field(12, 0x7f00000000000400),
           field(20, 16385), field(12, (1ULL << 52) + 1)}) {
         EXPECT_EQ(openingError(poke).rfind("5 VMDK sparse header has an invalid geometry.", 0), 0u);
     }
