@@ -137,33 +137,6 @@ TEST_F(CVMDKParentDiskDataProviderTest, OpensAParentOnlyWhenAReadNeedsIt) {
               0u);
 }
 
-TEST_F(CVMDKParentDiskDataProviderTest, RefusesAParentThatChangedEachTime) {
-    {
-        auto middle = open("middle.vmdk", kWrite);
-        middle->seek(20 * kGrain);
-        middle->write(grainOf(3).data(), 10);
-    }
-    const unsigned int actual = open("middle.vmdk")->getDescriptor()->getContentID();
-    auto top = open("top.vmdk");
-    const unsigned int expected = top->getDescriptor()->getParentContentID();
-    char ids[64];
-    std::snprintf(ids, sizeof ids, "expectedContentID=%x, actualContentID=%x]", expected, actual);
-    harltest::CLogCapture log;
-    Bytes read(kGrain);
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        EXPECT_EQ(errorText([&] { top->read(read.data(), kGrain); }),
-                  "5 VMDK parent disk has changed, but a child disk depended on it. "
-                  "[parentURI=file:///d/middle.vmdk, childURI=file:///d/top.vmdk, " +
-                      std::string(ids));
-    }
-    EXPECT_EQ(log.messages(kz::LogLevel::Error).size(), 2u);
-    // A parent handed in is used as it is.
-    kz::P<CVMDKDisk> middle = open("middle.vmdk");
-    CVMDKDisk withParent(fs.get(), at("top.vmdk"), kRead, "pw", 1, nullptr, middle.get());
-    withParent.read(read.data(), kGrain);
-    EXPECT_EQ(read, grainOf(0));
-}
-
 TEST_F(CVMDKParentDiskDataProviderTest, RefusesChainsThatLoopOrRunTooDeep) {
     // The base names the top as its parent, by the top's real content ID.
     const unsigned int topCID = open("top.vmdk")->getDescriptor()->getContentID();
