@@ -2,9 +2,7 @@
 #include "harl/format/CVMDKSparseExtentHeader.h"
 #include "harl/foundation/kz/CError.h"
 #include "harl/foundation/kz/CFaultInjectingFileSystem.h"
-#include "harl/foundation/kz/CIOError.h"
 #include "harl/foundation/kz/CInvalidArgError.h"
-#include "harl/foundation/kz/CLockFileError.h"
 #include "harl/foundation/kz/CMemoryFileSystem.h"
 
 #include "tests/support/CLogCapture.h"
@@ -14,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <map>
 #include <string>
 #include <tuple>
 #include <vector>

@@ -1,7 +1,6 @@
 #include "harl/disk/CVMDKDisk.h"
 #include "harl/disk/CVMDKParentDiskDataProvider.h"
 #include "harl/foundation/kz/CError.h"
-#include "harl/foundation/kz/CIOError.h"
 #include "harl/foundation/kz/CMemoryFileSystem.h"
 
 #include "tests/support/CLogCapture.h"
@@ -11,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
