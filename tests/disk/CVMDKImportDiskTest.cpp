@@ -130,7 +130,6 @@ TEST(CVMDKImportDiskTest, ReadsDescriptorsOfMixedExtentTypes) {
     EXPECT_EQ(0, std::memcmp(tail.data(), expected.data() + expected.size() - kGrain, kGrain));
 }
 
-
 // Descriptors and files that cannot be imported end in a CIOError code 5 that names the file.
 TEST(CVMDKImportDiskTest, RefusesWhatItCannotRead) {
     kz::P<kz::CMemoryFileSystem> fs(new kz::CMemoryFileSystem);
