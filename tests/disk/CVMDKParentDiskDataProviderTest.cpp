@@ -136,16 +136,20 @@ TEST_F(CVMDKParentDiskDataProviderTest, OpensAParentOnlyWhenAReadNeedsIt) {
 }
 
 TEST_F(CVMDKParentDiskDataProviderTest, RefusesChainsThatLoopOrRunTooDeep) {
-    // The base names the top as its parent, by the top's real content ID.
-    const unsigned int topCID = open("top.vmdk")->getDescriptor()->getContentID();
+    // The base names the top as its parent, by the top's real content ID; a disk open for
+    // reading stores nothing.
+    auto top = open("top.vmdk");
     {
         auto base = open("base.vmdk", kWrite);
-        base->getDescriptor()->setParentFileNameHint("top.vmdk");
-        base->getDescriptor()->setParentContentID(topCID);
-        base->storeDescriptor();
+        base->getDescriptor()->setParentContentID(top->getDescriptor()->getContentID());
+        base->changeParentRelPath("top.vmdk");
     }
+    const std::string readOnly = " was called, but the disk was not opened for writing.";
+    EXPECT_EQ(errorText([&] { top->storeDescriptor(); }),
+              "-1 Internal error: CVMDKDisk::storeDescriptor" + readOnly);
+    EXPECT_EQ(errorText([&] { top->changeParentRelPath("x"); }),
+              "-1 Internal error: CVMDKDisk::changeParentRelPath" + readOnly);
     harltest::CLogCapture log;
-    auto top = open("top.vmdk");
     Bytes read(kGrain);
     top->seek(10 * kGrain);  // written nowhere
     EXPECT_EQ(errorText([&] { top->read(read.data(), kGrain); }),
