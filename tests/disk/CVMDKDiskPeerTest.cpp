@@ -108,7 +108,7 @@ TEST_F(CVMDKDiskPeerTest, OpensQemuMadeDisksByTheirDescriptor) {
 
 // Chains both ways: ours on qemu's chain of three, qemu's on our children of qemu's parent and
 // of ours; and a parent that qemu changes under our child is refused.
-TEST_F(CVMDKDiskPeerTest, ChainsReadTheSameOnBothSides) {
+TEST_F(CVMDKDiskPeerTest, ChainsReadTheSameHereAndInQemu) {
     harltest::createQemuVMDK(file("base.vmdk"), "monolithicSparse", 16 * kMiB);
     qemuIo("base.vmdk", "write -P 7 0 8M");
     harltest::runQemuOrThrow("qemu-img", {"create", "-q", "-f", "vmdk", "-b", "base.vmdk", "-F",
