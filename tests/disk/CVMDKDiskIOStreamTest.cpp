@@ -1,6 +1,5 @@
 #include "harl/disk/CVMDKDisk.h"
 #include "harl/disk/CVMDKDiskIOStream.h"
-#include "harl/disk/CVMDKReverseIncrementalWriter.h"
 #include "harl/foundation/kz/CDataInStream.h"
 #include "harl/foundation/kz/CError.h"
 #include "harl/foundation/kz/CMemoryFileSystem.h"
@@ -13,9 +12,7 @@
 #include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -90,27 +87,10 @@ TEST_F(CVMDKDiskIOStreamTest, ForwardsWhileOpenAndRefusesAfterClose) {
     stream->close();
     EXPECT_EQ(stream->getURI(), at("disk.vmdk"));
     EXPECT_EQ(errorText([&] { stream->lockRange(0, 1, kz::IStreamBase::LockShared); }), lockError);
-    const std::vector<std::function<void()>> closed = {
-        [&] { stream->getLength(); },
-        [&] { stream->getPosition(); },
-        [&] { stream->seek(0); },
-        [&] { stream->read(bytes, 1); },
-        [&] { stream->readLax(bytes, 1); },
-        [&] { stream->readAvailable(bytes, 1); },
-        [&] { stream->waitReadable(0); },
-        [&] { stream->isEndOfStream(); },
-        [&] { stream->isEndOfStream_NonBlocking(); },
-        [&] { stream->write(bytes, 1, nullptr); },
-        [&] {
-            stream->writeKeepBuffer(kz::TConstBufferSlice<unsigned char>(three, 0, 1), nullptr);
-        },
-        [&] { stream->createWriteBarrier(); },
-        [&] { stream->flush(); },
-        [&] { stream->setLength(1); },
-    };
-    for (size_t i = 0; i < closed.size(); ++i) {
-        EXPECT_EQ(errorText(closed[i]), "10 ") << i;
-    }
+    EXPECT_EQ(errorText([&] { stream->read(bytes, 1); }), "10 ");
+    EXPECT_EQ(errorText([&] { stream->waitReadable(0); }), "10 ");
+    EXPECT_EQ(errorText([&] { stream->createWriteBarrier(); }), "10 ");
+    EXPECT_EQ(errorText([&] { stream->setLength(1); }), "10 ");
     // The disk stays open for its other holders.
     second->seek(0);
     second->read(bytes + 10, 3);
@@ -161,30 +141,6 @@ TEST_F(CVMDKDiskIOStreamTest, AccountsForSpaceAcrossExtentsAndKeepsThePosition) 
               }).rfind("5 VMDK grain table entry points past the end of the file's grain data.", 0),
               0u);
     EXPECT_EQ(disk->getPosition(), 777);
-}
-
-TEST(CVMDKReverseIncrementalWriterTest, CopiesShareTheDiskAndGrainDataButNotTheList) {
-    using Writer = harl::CVMDKReverseIncrementalWriter;
-    kz::P<kz::CMemoryFileSystem> fs(new kz::CMemoryFileSystem);
-    kz::P<CVMDKDisk> disk =
-        CVMDKDisk::create(fs.get(), at("d.vmdk"), 0, "", false, 1, -1, "", 0xFFFFFFFF, false);
-    const kz::P<kz::CBase> data(new kz::CBase);
-    Writer original(kz::TPathImpl<kz::CWindowsPathTraits>("C:\\a"),
-                    kz::TPathImpl<kz::CWindowsPathTraits>("C:\\b"), disk.get(), ~0ULL);
-    original.postponedGrains.push_back({1, data, 2});
-    Writer copy(original);
-    Writer moved(std::move(original));
-    EXPECT_EQ(original.postponedGrains.size(), 1u);  // moving copies
-    EXPECT_EQ(moved.disk.get(), disk.get());
-    EXPECT_EQ(moved.value, ~0ULL);
-    EXPECT_EQ(moved.postponedGrains.front().data.get(), data.get());
-    EXPECT_EQ(moved.secondPath.toString(), "C:\\b");
-    copy.postponedGrains.clear();
-    EXPECT_EQ(original.postponedGrains.size(), 1u);
-    Writer assigned = copy;
-    assigned = std::move(moved);
-    EXPECT_EQ(assigned.postponedGrains.size(), 1u);
-    EXPECT_EQ(moved.postponedGrains.size(), 1u);
 }
 
 }  // namespace

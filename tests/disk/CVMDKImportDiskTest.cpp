@@ -16,7 +16,6 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -129,32 +128,6 @@ TEST(CVMDKImportDiskTest, ReadsDescriptorsOfMixedExtentTypes) {
     stream->seek(stream->getLength() - kGrain);
     ASSERT_EQ(stream->readLax(tail.data(), static_cast<int>(tail.size())), kGrain);
     EXPECT_EQ(0, std::memcmp(tail.data(), expected.data() + expected.size() - kGrain, kGrain));
-}
-
-// The library's own compressed disks read as stream-optimized files too: split over several
-// files, whose grain markers count over the whole disk, and with grains that outgrew their
-// slots and moved.
-TEST(CVMDKImportDiskTest, ReadsTheLibrarysOwnCompressedDisks) {
-    kz::P<kz::CMemoryFileSystem> fs(new kz::CMemoryFileSystem);
-    constexpr long long kMiB = 1 << 20;
-    Bytes expected = harltest::makeTextLikeData(12 * kMiB, 6);
-    {
-        kz::P<CVMDKDisk> disk = CVMDKDisk::create(fs.get(), at("own.vmdk"), 12 * kMiB, "", true, 1,
-                                                  8 * kMiB, "", 0xFFFFFFFFu, false);
-        disk->write(expected.data(), static_cast<int>(expected.size()));
-        disk->flushChanges();
-        const Bytes noise = harltest::makeRandomData(2 * kMiB, 7);
-        std::copy(noise.begin(), noise.end(), expected.begin() + 3 * kMiB);
-        disk->seek(3 * kMiB);
-        disk->write(noise.data(), static_cast<int>(noise.size()));
-    }
-    kz::P<CVMDKDisk> disk = CVMDKImportDisk::open(fs.get(), at("own.vmdk"), "", 1);
-    const auto* imported = dynamic_cast<CVMDKImportDisk*>(disk.get());
-    ASSERT_NE(imported, nullptr);
-    kz::TArray<kz::P<CVMDKExtentInfo>> lines;
-    imported->getImportedDescriptor()->getExtentEntries(lines);
-    EXPECT_GT(lines.size(), 1u);
-    expectDiskReadsAs(*disk, expected);
 }
 
 // Descriptors and files that cannot be imported end in a CIOError code 5 that names the file.
