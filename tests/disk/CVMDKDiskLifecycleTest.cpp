@@ -260,6 +260,32 @@ TEST_F(CVMDKDiskCreateTest, RefusesBadPlansBeforeTouchingAFile) {
     }
 }
 
+TEST_F(CVMDKDiskCreateTest, ANewEncryptedDiskHasFreshKeysAndItsHashInEveryHeader) {
+    std::vector<std::string> keyLines;
+    for (const char* name : {"a.vmdk", "b.vmdk"}) {
+        auto disk =
+            CVMDKDisk::create(fs.get(), at(name), 0, "pw", false, 1, kMiB, "", 0xFFFFFFFF, false);
+        const auto descriptor = disk->getDescriptor();
+        for (const char* key : {"kzEncIV", "kzEncKeyDerivSalt", "kzEncEncKey", "kzEncKeyHash"}) {
+            keyLines.push_back(descriptor->getValue(key).toUTF8());
+        }
+        EXPECT_EQ(descriptor->getValue("kzEncKeyDerivAlg"), "pkcs5-pbkdf2-hmac-sha1:10000");
+        const kz::TBuffer<unsigned char> hash = descriptor->getKzEncryptionKeyHash();
+        for (const auto& [extent, grains] : extentsOf(*disk)) {
+            kz::P<kz::IIOStream> stream = fs->open(at(extent), kRead, 0);
+            kz::CDataInStream in(stream.get());
+            harl::CVMDKSparseExtentHeader header;
+            header.load(in);
+            ASSERT_EQ(header.getEncryptionKeyHash().getUsed(), hash.getUsed()) << extent;
+            EXPECT_EQ(0, std::memcmp(header.getEncryptionKeyHash().getData(), hash.getData(),
+                                     hash.getUsed()));
+        }
+    }
+    for (size_t i = 0; i < 4; ++i) {
+        EXPECT_NE(keyLines[i], keyLines[i + 4]);
+    }
+}
+
 TEST_F(CVMDKDiskCreateTest, AFailedCreateLeavesWhatWasFinishedAndTheFirstError) {
     // A split disk of three extent files; the fault hits the writing of the second.
     kz::P<kz::CFaultInjectingFileSystem> faulty(new kz::CFaultInjectingFileSystem(fs.get()));
