@@ -167,8 +167,14 @@ int runConvert(CConvertArguments& a) {
     applyTargetOptionList(a.target);
     const kz::P<CConfinedFileSystem> fileSystem = makeFileSystem(a.common, {a.source, a.output});
     const CSourceImage source(fileSystem.get(), a.source, a.sourceFormat, a.sourcePasswordFile);
-    // The target alone writes, and behind the writer thread, which then only stores grains.
-    const kz::P<kz::IFileSystem> targetFileSystem = kz::makeP<CWriteBehindFileSystem>(fileSystem);
+    // The writer thread encrypts the grains of an encrypted disk as the library stores them;
+    // the target's files then write behind it, so that it does not also wait for the system's
+    // copy of each grain. Otherwise the writer has little else to do, and the copy into the
+    // chunks would cost more than it saves.
+    kz::P<kz::IFileSystem> targetFileSystem = fileSystem;
+    if (a.targetFormat == "vmdk" && a.target.encrypted) {
+        targetFileSystem = kz::makeP<CWriteBehindFileSystem>(fileSystem);
+    }
     CTarget target(a, targetFileSystem.get(), source);
     const int workers = a.common.threads > 0
                             ? a.common.threads
