@@ -117,6 +117,13 @@ TEST(CVMDKImportDiskTest, ReadsDescriptorsOfMixedExtentTypes) {
     kz::P<CVMDKDisk> disk = CVMDKImportDisk::open(fs.get(), at("disk.vmdk"), "", 1);
     ASSERT_TRUE(disk->getCompressed());
     expectDiskReadsAs(*disk, expected);
+    // The lines a host shows, as they are spelt, without the empty one.
+    std::string lines;
+    for (const auto& line : dynamic_cast<CVMDKImportDisk&>(*disk).getExtentLines()) {
+        lines += line.type.toUTF8() + " " + std::to_string(line.startSector) + "+" +
+                 std::to_string(line.sizeSectors) + "@" + std::to_string(line.offsetSectors) + " ";
+    }
+    EXPECT_EQ(lines, "SPARSE 0+384@0 ZERO 384+1024@0 VMFS 1408+512@0 FLAT 1920+128@256 ");
     disk->seek(0);
     EXPECT_EQ(harltest::thrownText<kz::CError>([&] { disk->write(data.data(), 1); }),
               "-1 Internal error: CVMDKDisk::write was called, but the disk was not opened for "

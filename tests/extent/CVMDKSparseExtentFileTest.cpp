@@ -190,9 +190,13 @@ TEST_P(CVMDKSparseExtentFileTest, ContentIDChangesOnceBeforeTheFirstChange) {
 TEST_P(CVMDKSparseExtentFileTest, RefusesChangesWithoutWriteAccessOrUpdater) {
     const Bytes data(10, 1);
     kz::P<CVMDKSparseExtentFile> reader = open(kz::IIOStream::AccessRead);
-    EXPECT_EQ(harltest::thrownText<kz::CError>([&] { reader->write(data.data(), 10); }),
-              "-1 Internal error: VMDK sparse extent file is about to be changed, but it was not "
-              "opened for writing. [uri=file:///d/e.vmdk]");
+    for (const auto& change : std::vector<std::function<void()>>{
+             [&] { reader->write(data.data(), 10); },
+             [&] { reader->makeGrainIndependentOfParent(0); }}) {
+        EXPECT_EQ(harltest::thrownText<kz::CError>(change),
+                  "-1 Internal error: VMDK sparse extent file is about to be changed, but it was "
+                  "not opened for writing. [uri=file:///d/e.vmdk]");
+    }
     kz::P<CVMDKSparseExtentFile> orphan = open(kz::IIOStream::AccessRead, false);
     EXPECT_EQ(harltest::thrownText<kz::CError>([&] { orphan->write(data.data(), 10); }),
               "-1 Internal error: VMDK sparse extent file is about to be changed, but it does not "
@@ -635,7 +639,9 @@ TEST_F(CVMDKSparseExtentSafetyTest, ReadsAndWritesGrainsThatQemuZeroed) {
         EXPECT_TRUE(parent->calls.empty());
         extent->seek(zeroedAt);
         EXPECT_TRUE(extent->isGrainWrittenAndIndependentOfParent());
+        // The two zeroed grains are payload that takes no room in the file.
         EXPECT_EQ(extent->gatherSpaceInfo()->getPayloadSize(), size);
+        EXPECT_EQ(extent->gatherSpaceInfo()->getPayloadSizeInFile(), size - 2 * kGrainBytes);
         extent->seek(zeroedAt + 1000);
         extent->write(patch.data(), 3000);
         extent->close();

@@ -118,6 +118,7 @@ TEST(CVMDKSparseExtentHeaderTest, FlagsDecideWhatIsReadAndReservedBytesSurvive) 
     kz::P<CVMDKSparseExtentHeader> header = loadHeader(bytes);
     EXPECT_EQ(header->getRedundantGrainDirectoryOffsetSectors(), 0u);
     EXPECT_FALSE(header->getEncryptionExtensionEnabled());
+    EXPECT_EQ(header->getEncryptionAlgorithm() + header->getEncryptionKeyHashAlgorithm(), 0);
     EXPECT_TRUE(storeHeader(*header) == poke(poke(bytes, 73, {'\n', ' ', '\r'}), 48, {0}));
 
     // Turning the extension on keeps the reserved bytes that still have room.

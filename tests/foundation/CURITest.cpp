@@ -57,6 +57,7 @@ TEST(CURITest, BuildsFromWindowsAndUnixPaths) {
         {"C:\\a\\b", false, "file:///C:/a/b"}, {"c:/a/b", true, "file:///C:/a/b/"},
         {"C:a", false, "file:///C:/a"}, {"\\\\host\\share\\x", false, "file://host/share/x"},
         {"\\\\?\\UNC\\host\\share\\x", false, "file://host/share/x"},
+        {"\\\\host", false, "file://host/"},
         {"\\a\\b", false, "/a/b"}, {"..\\a\\b", false, "../a/b"},
         {"ab:c\\d:e", false, "ab%3Ac/d:e"},
     };
