@@ -126,7 +126,9 @@ TEST_F(CVMDKNullExtentFileTest, BoundsAndChangesFailWithTheirErrors) {
                                  {0, 128, 1LL << 54},
                                  {-1, 128, 1},
                                  {0, 0, 1}}) {
-        const auto [start, grain, size] = geometry;
+        const long long start = std::get<0>(geometry);
+        const long long grain = std::get<1>(geometry);
+        const long long size = std::get<2>(geometry);
         const std::string thrown = thrownText<kz::CInvalidArgError>([&] {
             CVMDKNullExtentFile(kz::CURI("file:///d/a%20hole.vmdk"), start, grain, size, 512, 0, 0,
                                 nullptr);
