@@ -77,8 +77,10 @@ TEST_F(CVMDKGrainTableCacheTest, WritesDirtyTablesAsTheyLeaveAndTouchOneDirector
     for (long long index : {0, 1, 2}) {
         put(*cache, kDirA, index, 10 + index, false);
     }
-    cache->setAutoEnforceLimit(true);  // the oldest goes and writes itself
+    cache->enforceLimit();  // the oldest goes and writes itself
     EXPECT_EQ(writtenSectors(), (std::vector<long long>{10, 11, 12, 8}));
+    put(*cache, kDirA, 3, 13, false);
+    cache->setAutoEnforceLimit(true);
     EXPECT_EQ(cache->getCachedTableCount(), 2);
 }
 
