@@ -49,7 +49,7 @@ struct CVMDKGrainTableCacheTest : ::testing::Test {
 TEST_F(CVMDKGrainTableCacheTest, WritesDirtyTablesAsTheyLeaveAndTouchOneDirectoryOnly) {
     kz::P<CVMDKGrainTableCache> cache(new CVMDKGrainTableCache(2));
     put(*cache, kDirA, 0, 1);
-    put(*cache, kDirB, 0, 2, false);  // the same index under another directory
+    put(*cache, kDirB, 0, 2, false);                      // the same index under another directory
     EXPECT_NE(cache->getCachedTable(kDirB, 0), nullptr);  // B's is now the newer
     put(*cache, kDirA, 1, 3, false);
     EXPECT_EQ(writtenSectors(), std::vector<long long>{1});

@@ -9,7 +9,6 @@
 #include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
-#include <string>
 #include <tuple>
 
 namespace {
@@ -23,6 +22,8 @@ constexpr long long kGrainSectors = 128;
 constexpr long long kTable = 1, kRedundant = 2, kSlots = 3;
 
 struct CVMDKGrainTableTest : ::testing::Test {
+    CVMDKGrainTableTest() { stream->setLength(4 * 512); }
+
     kz::P<CVMDKGrainTable> open(kz::IIOStream::Access access, long long redundant = kRedundant,
                                 int grains = kGrains) {
         return new CVMDKGrainTable(stream.get(), access, kGrainSectors, kTable, redundant, kSlots,
@@ -37,15 +38,13 @@ struct CVMDKGrainTableTest : ::testing::Test {
 // writable table whose redundant copy lies behind the end of the file, where a flush would
 // write, is refused before it is read.
 TEST_F(CVMDKGrainTableTest, RefusesWhatItCannotHoldBeforeAnyChange) {
-    stream->setLength(4 * 512);
-    const kz::String uri = " [uri=file:///x/a b.vmdk]";
     long long pos = -1, slot = -1;
     harltest::pokeUInt16(*stream, kSlots * 512, 5);
     kz::P<CVMDKGrainTable> readOnly = open(kz::IIOStream::AccessRead, 4);
     readOnly->getGrainInfo(0, pos, slot);
     EXPECT_EQ(slot, 0);  // the slot-size entry beside an unallocated grain says nothing
     EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { readOnly->getGrainInfo(-1, pos, slot); }),
-              "-1 CVMDKGrainTable::getGrainInfo: Invalid grain index: -1" + uri);
+              "-1 CVMDKGrainTable::getGrainInfo: Invalid grain index: -1 [uri=file:///x/a b.vmdk]");
     kz::P<CVMDKGrainTable> writable = open(kz::IIOStream::AccessReadWrite);
     for (const auto& [table, index, posSectors, slotSectors, message] :
          {std::tuple{readOnly, kGrains, 7LL, 0LL, "Invalid grain index: 8"},
@@ -64,25 +63,18 @@ TEST_F(CVMDKGrainTableTest, RefusesWhatItCannotHoldBeforeAnyChange) {
             EXPECT_FALSE(table->hasUnflushedChanges());
         }
     }
-    EXPECT_EQ(thrownText<kz::CIOError>([&] { open(kz::IIOStream::AccessReadWrite, 4); }),
-              "5 VMDK redundant grain table lies beyond the end of the file (position: 4 "
-              "sectors)." + uri);
+    EXPECT_THROW(open(kz::IIOStream::AccessReadWrite, 4), kz::CIOError);
 
     // A table holds 0 to kMaxGrainCount entries, whatever the caller asks for.
     stream->setLength(CVMDKGrainTable::kMaxGrainCount * 4 + 4 * 512);
-    for (int count :
-         {-1, 0, CVMDKGrainTable::kMaxGrainCount, CVMDKGrainTable::kMaxGrainCount + 1}) {
-        EXPECT_EQ(thrownText<kz::CInvalidArgError>(
-                      [&] { open(kz::IIOStream::AccessRead, 0, count); }),
-                  count == -1 || count > CVMDKGrainTable::kMaxGrainCount
-                      ? "-1 CVMDKGrainTable constructor: Invalid grain count: " +
-                            std::to_string(count) + uri
-                      : "nothing thrown");
+    for (int count : {-1, CVMDKGrainTable::kMaxGrainCount + 1}) {
+        EXPECT_THROW(open(kz::IIOStream::AccessRead, 0, count), kz::CInvalidArgError);
     }
+    EXPECT_NO_THROW(open(kz::IIOStream::AccessRead, 0, 0));
+    EXPECT_NO_THROW(open(kz::IIOStream::AccessRead, 0, CVMDKGrainTable::kMaxGrainCount));
 }
 
 TEST_F(CVMDKGrainTableTest, FailedWritesStayDirtyAndTheDestructorSwallowsThem) {
-    stream->setLength(4 * 512);
     kz::P<CVMDKGrainTable> table = open(kz::IIOStream::AccessReadWrite);
     table->setGrainInfo(0, 50, 2);
     stream->failWritesFrom(1);  // the redundant copy fails
