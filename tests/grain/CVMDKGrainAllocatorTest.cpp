@@ -7,6 +7,7 @@
 #include "tests/support/CLogCapture.h"
 #include "tests/support/CRecordingStream.h"
 #include "tests/support/GrainMetadataLayout.h"
+#include "tests/support/SampleData.h"
 #include <gtest/gtest.h>
 
 namespace {
@@ -52,10 +53,7 @@ struct CVMDKGrainAllocatorTest : ::testing::Test {
 };
 
 TEST_F(CVMDKGrainAllocatorTest, CompressedSlotsAreFilledWithZerosAndTheTrailMoves) {
-    std::vector<unsigned char> trail(1536);
-    for (size_t i = 0; i < trail.size(); ++i) {
-        trail[i] = static_cast<unsigned char>(i * 7);
-    }
+    const std::vector<unsigned char> trail = harltest::makeRandomData(1536, 7);
     makeExtent(true, trail);
     kz::P<CVMDKGrainAllocator> allocator = makeAllocator(trail, kz::IIOStream::AccessReadWrite);
     EXPECT_EQ(allocator->getNextPosBytes(), metadataEnd);

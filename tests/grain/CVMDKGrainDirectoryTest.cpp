@@ -117,12 +117,8 @@ TEST_F(CVMDKGrainDirectoryTest, RefusesCorruptCountsAndOffsetsWithoutLargeAlloca
     EXPECT_EQ(open(false, kCapacitySectors, kGrainSectors, kMaxGrains)->getGrainTableCount(), 2);
     for (auto [capacity, grainSectors, perTable] :
          {std::tuple{64LL, 8LL, 0}, {-1, 8, 128}, {64, 0, 128}, {64, 8, kMaxGrains + 1}}) {
-        EXPECT_EQ(
-            openError(false, capacity, grainSectors, perTable),
-            "5 VMDK file has an invalid grain geometry (capacity: " + std::to_string(capacity) +
-                " sectors, grain size: " + std::to_string(grainSectors) +
-                " sectors, grains per table: " + std::to_string(perTable) +
-                "). [uri=file:///x/a.vmdk]");
+        const std::string error = openError(false, capacity, grainSectors, perTable);
+        EXPECT_EQ(error.find("5 VMDK file has an invalid grain geometry"), 0u) << error;
     }
     // An extent of 2^63 sectors in a file of 1 MiB: its directories are refused before they
     // are sized.
@@ -142,14 +138,6 @@ TEST_F(CVMDKGrainDirectoryTest, RefusesCorruptCountsAndOffsetsWithoutLargeAlloca
     layOut({.slotSizes = true});  // a slot directory cut off behind its marker
     stream->setLength((layout.slotMarkerSector + 1) * 512);
     EXPECT_EQ(openError(true)[0], '4');
-
-    // A table behind the end fails when it is read, and its batch leaves it out.
-    layOut();
-    harltest::pokeUInt32(*stream, layout.directorySectors * 512 + 4 * 3, 1u << 30);
-    kz::P<CVMDKGrainDirectory> directory = open();
-    EXPECT_NE(directory->getGrainTable(2), nullptr);
-    EXPECT_EQ(cache->getCachedTableCount(), 31);
-    EXPECT_THROW(directory->getGrainTable(3), kz::CIOError);
 }
 
 // A directory that goes flushes its tables and takes them out of the shared cache, also when

@@ -24,14 +24,6 @@ kz::TBuffer<unsigned char> zeros(size_t size) {
     return buffer;
 }
 
-// The whole file, read back through the file system.
-kz::TBuffer<unsigned char> contentOf(kz::IFileSystem& fileSystem, const kz::CURI& uri) {
-    kz::P<kz::IIOStream> stream = fileSystem.open(uri, kz::IIOStream::AccessRead, 0);
-    kz::TBuffer<unsigned char> content(static_cast<size_t>(stream->getLength()));
-    stream->read(content.getData(), static_cast<int>(content.getUsed()));
-    return content;
-}
-
 // The little-endian value of `size` bytes at `offset`: header fields, directory entries.
 unsigned long long valueAt(const kz::TBuffer<unsigned char>& file, long long offset, int size) {
     unsigned long long value = 0;
@@ -45,14 +37,14 @@ unsigned long long valueAt(const kz::TBuffer<unsigned char>& file, long long off
 // length, in sectors.
 using CLayout = std::tuple<unsigned long long, unsigned long long, unsigned long long, size_t>;
 
-CLayout create(kz::IFileSystem& fs, bool compressed, long long grains,
+CLayout create(kz::CMemoryFileSystem& fs, bool compressed, long long grains,
                long long grainSectors = 128) {
     if (fs.exists(kUri)) {
         fs.deleteFile(kUri, false);
     }
     createEmptyVMDKSparseExtentFile(&fs, kUri, compressed, grains, grainSectors, zeros(65536),
                                     nullptr, 0, kz::TBuffer<unsigned char>());
-    const kz::TBuffer<unsigned char> file = contentOf(fs, kUri);
+    const kz::TBuffer<unsigned char>& file = fs.getFile(kUri)->getContent();
     return {valueAt(file, 48, 8), valueAt(file, 56, 8), valueAt(file, 64, 8), file.getUsed() / 512};
 }
 
@@ -62,10 +54,10 @@ TEST(VMDKEmptyExtentTest, LaysOutTheWorkedExample) {
     kz::P<kz::CMemoryFileSystem> fs(new kz::CMemoryFileSystem);
     EXPECT_EQ(create(*fs, false, 512, 1), CLayout(1, 6, 11, 11));
     EXPECT_EQ(create(*fs, false, 32768), CLayout(1, 258, 640, 640));
-    EXPECT_EQ(valueAt(contentOf(*fs, kUri), 258 * 512 + 63 * 4, 4), 259u + 4 * 63);
+    EXPECT_EQ(valueAt(fs->getFile(kUri)->getContent(), 258 * 512 + 63 * 4, 4), 259u + 4 * 63);
 
     EXPECT_EQ(create(*fs, true, 32768), CLayout(2, 324, 896, 899));
-    const kz::TBuffer<unsigned char> file = contentOf(*fs, kUri);
+    const kz::TBuffer<unsigned char>& file = fs->getFile(kUri)->getContent();
     // Version, flags, compression algorithm; entries of both directories and the slot one.
     for (const auto& [offset, size, value] : {std::tuple{4LL, 4, 3ULL},
                                               {8, 4, 0x30003},
