@@ -90,8 +90,9 @@ TEST_F(CVMDKGrainDirectoryTest, ReadsTablesInAlignedBatches) {
 }
 
 // The slot directory's marker stands behind the last table of whichever directory reaches
-// further, or behind the later directory when there are no tables.
-TEST_F(CVMDKGrainDirectoryTest, FindsTheSlotDirectoryBehindTheLastTable) {
+// further, or behind the later directory when there are no tables. Counts and offsets that
+// the file cannot hold are refused before they size anything.
+TEST_F(CVMDKGrainDirectoryTest, FindsTheSlotDirectoryAndRefusesCorruptCountsAndOffsets) {
     layOut({.slotSizes = true});
     EXPECT_EQ(open(true)->getSlotDirectoryPosSectors(), layout.slotMarkerSector + 1);
     EXPECT_TRUE(open(false)->getGrainTable(0)->getSlotSizeTrackingEnabled());
@@ -108,9 +109,7 @@ TEST_F(CVMDKGrainDirectoryTest, FindsTheSlotDirectoryBehindTheLastTable) {
     layout.directorySectors = 2;
     layout.redundantDirectorySectors = 1;
     EXPECT_EQ(open(true, 0)->getSlotDirectoryPosSectors(), 4);
-}
 
-TEST_F(CVMDKGrainDirectoryTest, RefusesCorruptCountsAndOffsetsWithoutLargeAllocations) {
     layOut({.slotSizes = true});
     // The ceilings are still a geometry: an empty extent, a table of kMaxGrainCount grains.
     EXPECT_EQ(open(false, 0)->getGrainTableCount(), 0);

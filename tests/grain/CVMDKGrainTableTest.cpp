@@ -6,7 +6,6 @@
 #include "tests/support/CLogCapture.h"
 #include "tests/support/CRecordingStream.h"
 #include "tests/support/GrainMetadataLayout.h"
-#include "tests/support/ThrownText.h"
 #include <gtest/gtest.h>
 
 #include <tuple>
@@ -14,7 +13,6 @@
 namespace {
 
 using harl::CVMDKGrainTable;
-using harltest::thrownText;
 
 constexpr int kGrains = 8;
 constexpr long long kGrainSectors = 128;
@@ -36,15 +34,14 @@ struct CVMDKGrainTableTest : ::testing::Test {
 
 // Indexes, counts and values out of range are refused, in this order, before any change; a
 // writable table whose redundant copy lies behind the end of the file, where a flush would
-// write, is refused before it is read.
-TEST_F(CVMDKGrainTableTest, RefusesWhatItCannotHoldBeforeAnyChange) {
+// write, is refused before it is read. Changes whose write failed stay dirty.
+TEST_F(CVMDKGrainTableTest, RefusesWhatItCannotHoldAndKeepsWhatItCouldNotWrite) {
     long long pos = -1, slot = -1;
     harltest::pokeUInt16(*stream, kSlots * 512, 5);
     kz::P<CVMDKGrainTable> readOnly = open(kz::IIOStream::AccessRead, 4);
     readOnly->getGrainInfo(0, pos, slot);
     EXPECT_EQ(slot, 0);  // the slot-size entry beside an unallocated grain says nothing
-    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { readOnly->getGrainInfo(-1, pos, slot); }),
-              "-1 CVMDKGrainTable::getGrainInfo: Invalid grain index: -1 [uri=file:///x/a b.vmdk]");
+    EXPECT_THROW(readOnly->getGrainInfo(-1, pos, slot), kz::CInvalidArgError);
     kz::P<CVMDKGrainTable> writable = open(kz::IIOStream::AccessReadWrite);
     for (const auto& [table, index, posSectors, slotSectors, message] :
          {std::tuple{readOnly, kGrains, 7LL, 0LL, "Invalid grain index: 8"},
@@ -72,9 +69,7 @@ TEST_F(CVMDKGrainTableTest, RefusesWhatItCannotHoldBeforeAnyChange) {
     }
     EXPECT_NO_THROW(open(kz::IIOStream::AccessRead, 0, 0));
     EXPECT_NO_THROW(open(kz::IIOStream::AccessRead, 0, CVMDKGrainTable::kMaxGrainCount));
-}
 
-TEST_F(CVMDKGrainTableTest, FailedWritesStayDirtyAndTheDestructorSwallowsThem) {
     kz::P<CVMDKGrainTable> table = open(kz::IIOStream::AccessReadWrite);
     table->setGrainInfo(0, 50, 2);
     stream->failWritesFrom(1);  // the redundant copy fails
