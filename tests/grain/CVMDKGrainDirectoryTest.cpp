@@ -1,5 +1,3 @@
-#include "harl/foundation/kz/CError.h"
-#include "harl/foundation/kz/CIOError.h"
 #include "harl/foundation/kz/CInvalidArgError.h"
 #include "harl/grain/CVMDKGrainDirectory.h"
 #include "harl/grain/CVMDKGrainTable.h"
@@ -14,7 +12,6 @@
 #include <climits>
 #include <string>
 #include <tuple>
-#include <vector>
 
 namespace {
 
@@ -26,7 +23,6 @@ constexpr int kPerTable = 128;  // one sector per grain table
 constexpr long long kTables = 40;
 // Five grains into the last table, the last of them partial.
 constexpr long long kCapacitySectors = ((kTables - 1) * kPerTable + 5) * kGrainSectors - 3;
-const kz::String kURI = "file:///x/a.vmdk";
 constexpr int kMaxGrains = harl::CVMDKGrainTable::kMaxGrainCount;
 
 struct CVMDKGrainDirectoryTest : ::testing::Test {
@@ -53,7 +49,8 @@ struct CVMDKGrainDirectoryTest : ::testing::Test {
         return harltest::errorText([&] { open(compressed, capacity, grainSectors, perTable); });
     }
 
-    kz::P<harltest::CRecordingStream> stream{new harltest::CRecordingStream(kz::CURI(kURI))};
+    kz::P<harltest::CRecordingStream> stream{
+        new harltest::CRecordingStream(kz::CURI("file:///x/a.vmdk"))};
     kz::P<CVMDKGrainTableCache> cache{new CVMDKGrainTableCache};
     harltest::CGrainMetadataLayout layout;
 };
@@ -82,8 +79,7 @@ TEST_F(CVMDKGrainDirectoryTest, ReadsTablesInAlignedBatches) {
     EXPECT_EQ(cache->getCachedTableCount(), kTables);
     EXPECT_THROW(directory->getGrainTable(-1), kz::CInvalidArgError);
     EXPECT_THROW(directory->getGrainTable(kTables), kz::CInvalidArgError);
-    // A small negative grain index reaches table 0, which refuses it.
-    EXPECT_THROW(directory->getGrainInfo(-1, pos, slot), kz::CInvalidArgError);
+    EXPECT_THROW(directory->getGrainTablePositions(kTables, pos, slot), kz::CInvalidArgError);
     // A cache smaller than a batch still hands out the requested table.
     cache = new CVMDKGrainTableCache(0);
     EXPECT_NE(open()->getGrainTable(kTables - 1), nullptr);

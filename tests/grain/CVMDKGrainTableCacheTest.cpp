@@ -52,7 +52,6 @@ TEST_F(CVMDKGrainTableCacheTest, WritesDirtyTablesAsTheyLeaveAndTouchOneDirector
     EXPECT_NE(cache->getCachedTable(kDirB, 0), nullptr);  // B's is now the newer
     put(kDirA, 1, 3, false);
     EXPECT_EQ(writtenSectors(), std::vector<long long>{1});
-    EXPECT_EQ(cache->getCachedTable(kDirA, 0), nullptr);
     kz::P<CVMDKGrainTable> held = cache->getCachedTable(kDirB, 0);
     held->setGrainInfo(1, 44, kGrainSectors);
     put(kDirA, 2, 4, false);

@@ -39,9 +39,7 @@ using CLayout = std::tuple<unsigned long long, unsigned long long, unsigned long
 
 CLayout create(kz::CMemoryFileSystem& fs, bool compressed, long long grains,
                long long grainSectors = 128) {
-    if (fs.exists(kUri)) {
-        fs.deleteFile(kUri, false);
-    }
+    fs.deleteFile(kUri, true);
     createEmptyVMDKSparseExtentFile(&fs, kUri, compressed, grains, grainSectors, zeros(65536),
                                     nullptr, 0, kz::TBuffer<unsigned char>());
     const kz::TBuffer<unsigned char>& file = fs.getFile(kUri)->getContent();
@@ -69,7 +67,6 @@ TEST(VMDKEmptyExtentTest, LaysOutTheWorkedExampleAndDeletesAHalfMadeFile) {
     }
     for (const auto& [sector, id, value] : {std::tuple{1, VMDKMarkerGrainDirectory, 1},
                                             {3, VMDKMarkerGrainTable, 4},
-                                            {323, VMDKMarkerGrainDirectory, 1},
                                             {645, VMDKMarkerSlotSizeDirectory, 1},
                                             {647, VMDKMarkerSlotSizeTable, 2},
                                             {896, VMDKMarkerFooter, 1},
