@@ -1,5 +1,3 @@
-#include "harl/foundation/kz/CError.h"
-#include "harl/foundation/kz/CIOError.h"
 #include "harl/foundation/kz/CInvalidArgError.h"
 #include "harl/grain/CVMDKGrainDirectory.h"
 #include "harl/grain/CVMDKGrainTable.h"
@@ -14,7 +12,6 @@
 #include <climits>
 #include <string>
 #include <tuple>
-#include <vector>
 
 namespace {
 
@@ -26,7 +23,7 @@ constexpr int kPerTable = 128;  // one sector per grain table
 constexpr long long kTables = 40;
 // Five grains into the last table, the last of them partial.
 constexpr long long kCapacitySectors = ((kTables - 1) * kPerTable + 5) * kGrainSectors - 3;
-const kz::String kURI = "file:///x/a.vmdk";
+constexpr int kMaxGrains = harl::CVMDKGrainTable::kMaxGrainCount;
 
 struct CVMDKGrainDirectoryTest : ::testing::Test {
     // The metadata of an extent of kTables tables behind a header sector.
@@ -47,86 +44,59 @@ struct CVMDKGrainDirectoryTest : ::testing::Test {
     }
 
     // What the construction throws, as "<code> <what()>".
-    template <class Error = kz::CIOError>
     std::string openError(bool compressed = false, long long capacity = kCapacitySectors,
                           long long grainSectors = kGrainSectors, int perTable = kPerTable) {
-        return harltest::thrownText<Error>(
-            [&] { open(compressed, capacity, grainSectors, perTable); });
+        return harltest::errorText([&] { open(compressed, capacity, grainSectors, perTable); });
     }
 
-    kz::P<harltest::CRecordingStream> stream{new harltest::CRecordingStream(kz::CURI(kURI))};
+    kz::P<harltest::CRecordingStream> stream{
+        new harltest::CRecordingStream(kz::CURI("file:///x/a.vmdk"))};
     kz::P<CVMDKGrainTableCache> cache{new CVMDKGrainTableCache};
     harltest::CGrainMetadataLayout layout;
 };
 
-TEST(CVMDKGrainDirectoryCountTest, CountsPartialGrainsAndTablesWithoutOverflow) {
-    for (auto [sectors, grains] : {std::pair{0LL, 0LL}, {8, 1}, {9, 2}}) {
-        EXPECT_EQ(CVMDKGrainDirectory::calcExtentGrainCount(sectors, 8), grains) << sectors;
-    }
+// Grains and tables are counted up, partial ones included, without overflow; the tables of an
+// extent are read in batches aligned to the batch size, the short last one included.
+TEST_F(CVMDKGrainDirectoryTest, ReadsTablesInAlignedBatches) {
     EXPECT_EQ(CVMDKGrainDirectory::calcExtentGrainTableCount(128 * 8 + 1, 8, 128), 2);
     EXPECT_EQ(CVMDKGrainDirectory::calcExtentGrainTableCount(LLONG_MAX, 1, 1), LLONG_MAX);
-}
 
-TEST_F(CVMDKGrainDirectoryTest, ReadsTablesInAlignedBatches) {
     layOut();
     harltest::pokeUInt32(*stream, layout.tableSectors[33] * 512, 777);
     harltest::pokeUInt32(*stream, layout.tableSectors[39] * 512 + 4 * 127, 555);
     kz::P<CVMDKGrainDirectory> directory = open();
     EXPECT_EQ(directory->getExtentGrainCount(), 39 * kPerTable + 5);
-    EXPECT_EQ(directory->getGrainTableCount(), kTables);
-
     long long pos = 0, slot = 0;
     const int readsBefore = stream->readCount;
     directory->getGrainInfo(33 * kPerTable, pos, slot);
-    EXPECT_EQ(pos, 777);
-    EXPECT_EQ(slot, kGrainSectors);
-    EXPECT_EQ(cache->getCachedTableCount(), 8);  // the short last batch, 32 to 39
+    EXPECT_EQ(std::pair(pos, slot), std::pair(777LL, kGrainSectors));
+    EXPECT_EQ(cache->getCachedTableCount(), 8);  // 32 to 39
     // Past the extent's last grain but inside the last table: only the table's bound applies.
     directory->getGrainInfo(39 * kPerTable + 127, pos, slot);
     EXPECT_EQ(pos, 555);
     EXPECT_EQ(stream->readCount - readsBefore, 8);
     directory->getGrainTable(5);  // the batch from 0, which ends where the last one began
     EXPECT_EQ(cache->getCachedTableCount(), kTables);
-
-    for (long long bad : {-1LL, kTables}) {
-        EXPECT_EQ(
-            harltest::thrownText<kz::CInvalidArgError>([&] { directory->getGrainTable(bad); }),
-            "-1 CVMDKGrainDirectory::getGrainTable: invalid table index: " + std::to_string(bad) +
-                " [uri=file:///x/a.vmdk]");
-    }
-    long long redundant = 0;
-    directory->getGrainTablePositions(kTables - 1, pos, redundant);
-    EXPECT_EQ(std::pair(pos, redundant),
-              std::pair(layout.tableSectors.back(), layout.redundantTableSectors.back()));
-    EXPECT_THROW(directory->getGrainTablePositions(kTables, pos, redundant), kz::CInvalidArgError);
-    // A small negative grain index reaches table 0, which refuses it.
-    EXPECT_THROW(directory->getGrainInfo(-1, pos, slot), kz::CInvalidArgError);
-
+    EXPECT_THROW(directory->getGrainTable(-1), kz::CInvalidArgError);
+    EXPECT_THROW(directory->getGrainTable(kTables), kz::CInvalidArgError);
+    EXPECT_THROW(directory->getGrainTablePositions(kTables, pos, slot), kz::CInvalidArgError);
     // A cache smaller than a batch still hands out the requested table.
     cache = new CVMDKGrainTableCache(0);
     EXPECT_NE(open()->getGrainTable(kTables - 1), nullptr);
 }
 
-TEST_F(CVMDKGrainDirectoryTest, FindsTheSlotDirectoryBehindTheLastTable) {
+// The slot directory's marker stands behind the last table of whichever directory reaches
+// further, or behind the later directory when there are no tables. Counts and offsets that
+// the file cannot hold are refused before they size anything.
+TEST_F(CVMDKGrainDirectoryTest, FindsTheSlotDirectoryAndRefusesCorruptCountsAndOffsets) {
     layOut({.slotSizes = true});
-    kz::P<CVMDKGrainDirectory> directory = open(true);
-    EXPECT_EQ(directory->getSlotDirectoryPosSectors(), layout.slotMarkerSector + 1);
-    directory->setGrainInfo(kPerTable + 1, 4000, 3);
-    directory->flushChangesToStream();
-    EXPECT_EQ(stream->writes.back().positionBytes, layout.slotTableSectors[1] * 512);
-    EXPECT_EQ(stream->getBuffer()[layout.slotTableSectors[1] * 512 + 2], 3);
+    EXPECT_EQ(open(true)->getSlotDirectoryPosSectors(), layout.slotMarkerSector + 1);
     EXPECT_TRUE(open(false)->getGrainTable(0)->getSlotSizeTrackingEnabled());
-
-    // Given the other way round, the marker is found behind the tables of the directory given
-    // as redundant, whose last entry is the greater.
-    std::swap(layout.directorySectors, layout.redundantDirectorySectors);
-    EXPECT_TRUE(open(true)->getHaveSlotSizeInfo());
-    stream->setLength(512);  // the same with a single table
+    stream->setLength(512);
     layout =
         harltest::layOutGrainMetadata(*stream, {.grainsPerTable = kPerTable, .slotSizes = true});
     std::swap(layout.directorySectors, layout.redundantDirectorySectors);
     EXPECT_TRUE(open(true, kPerTable * kGrainSectors)->getHaveSlotSizeInfo());
-    // Without tables it stands behind the later directory.
     kz::TBuffer<unsigned char> zeros(512);
     zeros.fill(0);
     stream->seek(3 * 512);
@@ -135,48 +105,27 @@ TEST_F(CVMDKGrainDirectoryTest, FindsTheSlotDirectoryBehindTheLastTable) {
     layout.directorySectors = 2;
     layout.redundantDirectorySectors = 1;
     EXPECT_EQ(open(true, 0)->getSlotDirectoryPosSectors(), 4);
-}
 
-TEST_F(CVMDKGrainDirectoryTest, RefusesCorruptCountsAndOffsetsWithoutLargeAllocations) {
     layOut({.slotSizes = true});
     // The ceilings are still a geometry: an empty extent, a table of kMaxGrainCount grains.
     EXPECT_EQ(open(false, 0)->getGrainTableCount(), 0);
-    EXPECT_EQ(open(false, kCapacitySectors, kGrainSectors, harl::CVMDKGrainTable::kMaxGrainCount)
-                  ->getGrainTableCount(),
-              2);
-    EXPECT_EQ(harltest::thrownText<kz::CInvalidArgError>([&] {
-                  CVMDKGrainDirectory(nullptr, kz::IIOStream::AccessRead, 1, 0, 8, 8, 1, false,
-                                      cache.get());
-              }),
-              "-1 CVMDKGrainDirectory constructor: stream and grainTableCache must not be NULL");
+    EXPECT_EQ(open(false, kCapacitySectors, kGrainSectors, kMaxGrains)->getGrainTableCount(), 2);
     for (auto [capacity, grainSectors, perTable] :
-         {std::tuple{64LL, 8LL, 0},
-          {-1, 8, 128},
-          {64, 0, 128},
-          {64, 8, harl::CVMDKGrainTable::kMaxGrainCount + 1}}) {
-        EXPECT_EQ(
-            openError(false, capacity, grainSectors, perTable),
-            "5 VMDK file has an invalid grain geometry (capacity: " + std::to_string(capacity) +
-                " sectors, grain size: " + std::to_string(grainSectors) +
-                " sectors, grains per table: " + std::to_string(perTable) +
-                "). [uri=file:///x/a.vmdk]");
+         {std::tuple{64LL, 8LL, 0}, {-1, 8, 128}, {64, 0, 128}, {64, 8, kMaxGrains + 1}}) {
+        const std::string error = openError(false, capacity, grainSectors, perTable);
+        EXPECT_EQ(error.find("5 VMDK file has an invalid grain geometry"), 0u) << error;
     }
-
-    // An extent of an exabyte in a file of 1 MiB: its directory would take 128 GiB. Positions
-    // far behind the end, or before the start, fail in their read or their seek.
+    // An extent of 2^63 sectors in a file of 1 MiB: its directories are refused before they
+    // are sized.
     stream->setLength(1 << 20);
     const std::string endOfData = "4 Unexpected end of data [uri=file:///x/a.vmdk]";
-    EXPECT_EQ(openError(false, 1LL << 51, 128, 512), endOfData);
     EXPECT_EQ(openError(false, LLONG_MAX, 1, 1), endOfData);
     layout.redundantDirectorySectors = LLONG_MAX / 2;
     EXPECT_EQ(openError(), endOfData);
-    layout.redundantDirectorySectors = 0;
-    layout.directorySectors = LLONG_MIN / 2;
-    EXPECT_EQ(openError()[0], '7');  // a bad seek
 
     layOut();  // the file ends where the slot directory's marker would stand
     EXPECT_FALSE(open(false)->getHaveSlotSizeInfo());
-    EXPECT_EQ(openError<kz::CError>(true),
+    EXPECT_EQ(openError(true),
               "-1 Slot size directory not found in compressed VMDK. [uri=file:///x/a.vmdk]");
     // A directory that ends where the file does fits.
     stream->setLength(layout.directorySectors * 512 + kTables * 4);
@@ -184,30 +133,19 @@ TEST_F(CVMDKGrainDirectoryTest, RefusesCorruptCountsAndOffsetsWithoutLargeAlloca
     layOut({.slotSizes = true});  // a slot directory cut off behind its marker
     stream->setLength((layout.slotMarkerSector + 1) * 512);
     EXPECT_EQ(openError(true)[0], '4');
-
-    // A table behind the end fails when it is read, and its batch leaves it out.
-    layOut();
-    harltest::pokeUInt32(*stream, layout.directorySectors * 512 + 4 * 3, 1u << 30);
-    kz::P<CVMDKGrainDirectory> directory = open();
-    EXPECT_NE(directory->getGrainTable(2), nullptr);
-    EXPECT_EQ(cache->getCachedTableCount(), 31);
-    EXPECT_THROW(directory->getGrainTable(3), kz::CIOError);
 }
 
+// A directory that goes flushes its tables and takes them out of the shared cache, also when
+// the flush fails, which is only logged.
 TEST_F(CVMDKGrainDirectoryTest, DestructorFlushesThenRemovesItsTablesOnly) {
     layOut();
     kz::P<CVMDKGrainDirectory> first = open();
     kz::P<CVMDKGrainDirectory> second = open();
     second->getGrainTable(0);
     first->setGrainInfo(1, 999, kGrainSectors);  // the same table index in both
-    EXPECT_EQ(cache->getCachedTableCount(), 64);
     first = nullptr;
     EXPECT_EQ(stream->writes.size(), 2u);  // table 0 and its redundant copy
-    EXPECT_EQ(stream->getBuffer()[layout.tableSectors[0] * 512 + 4], 999 & 0xff);
     EXPECT_EQ(cache->getCachedTableCount(), 32);
-    EXPECT_NE(cache->getCachedTable(second.get(), 0), nullptr);
-
-    // A flush that fails is reported, and the tables leave the cache all the same.
     second->setGrainInfo(2, 998, kGrainSectors);
     stream->failWritesFrom(0);
     harltest::CLogCapture log;

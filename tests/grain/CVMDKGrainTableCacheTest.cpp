@@ -23,14 +23,13 @@ struct CVMDKGrainTableCacheTest : ::testing::Test {
     CVMDKGrainTableCacheTest() { stream->setLength(16 * 512); }
 
     // Stores a table of one sector at `sector`, dirty if asked, under `directory` and `index`.
-    void put(CVMDKGrainTableCache& cache, CVMDKGrainDirectory* directory, long long index,
-             long long sector, bool dirty = true) {
+    void put(CVMDKGrainDirectory* directory, long long index, long long sector, bool dirty = true) {
         kz::P<CVMDKGrainTable> table(new CVMDKGrainTable(
             stream.get(), kz::IIOStream::AccessReadWrite, kGrainSectors, sector, 0, 0, 128));
         if (dirty) {
             table->setGrainInfo(0, 1000 + sector, kGrainSectors);
         }
-        cache.setCachedTable(directory, index, table.get());
+        cache->setCachedTable(directory, index, table.get());
     }
 
     std::vector<long long> writtenSectors() const {
@@ -42,62 +41,46 @@ struct CVMDKGrainTableCacheTest : ::testing::Test {
     }
 
     kz::P<harltest::CRecordingStream> stream{new harltest::CRecordingStream};
+    kz::P<CVMDKGrainTableCache> cache{new CVMDKGrainTableCache(2)};
 };
 
-TEST_F(CVMDKGrainTableCacheTest, EvictionAfterHitsWritesDirtyTablesBeforeDroppingThem) {
-    kz::P<CVMDKGrainTableCache> cache(new CVMDKGrainTableCache(2));
-    put(*cache, kDirA, 0, 1);
-    put(*cache, kDirB, 0, 2, false);  // the same index under another directory
-    EXPECT_EQ(cache->getCachedTableCount(), 2);
-    EXPECT_NE(cache->getCachedTable(kDirA, 0), cache->getCachedTable(kDirB, 0));
+// Eviction writes a dirty table before it drops it, also one someone still holds; flushes and
+// removals touch one directory only, in ascending table index.
+TEST_F(CVMDKGrainTableCacheTest, WritesDirtyTablesAsTheyLeaveAndTouchOneDirectoryOnly) {
+    put(kDirA, 0, 1);
+    put(kDirB, 0, 2, false);                              // the same index under another directory
     EXPECT_NE(cache->getCachedTable(kDirB, 0), nullptr);  // B's is now the newer
-    put(*cache, kDirA, 1, 3, false);
+    put(kDirA, 1, 3, false);
     EXPECT_EQ(writtenSectors(), std::vector<long long>{1});
-    EXPECT_EQ(cache->getCachedTable(kDirA, 0), nullptr);
-
-    // A dirty table is written as it is evicted, also when someone still holds it.
     kz::P<CVMDKGrainTable> held = cache->getCachedTable(kDirB, 0);
     held->setGrainInfo(1, 44, kGrainSectors);
-    put(*cache, kDirA, 2, 4, false);
-    put(*cache, kDirA, 3, 5, false);
+    put(kDirA, 2, 4, false);
+    put(kDirA, 3, 5, false);
     EXPECT_EQ(writtenSectors(), (std::vector<long long>{1, 2}));
-    held = nullptr;
-    EXPECT_EQ(writtenSectors(), (std::vector<long long>{1, 2}));
+    held = nullptr;  // clean since its eviction
+    EXPECT_EQ(writtenSectors().size(), 2u);
+    CVMDKGrainTableCache(*cache).clear();  // a copy is the same cache
+    EXPECT_EQ(cache->getCachedTableCount(), 0);
 
-    // A limit of 0 drops each table as it is stored; a copy is the same cache.
-    kz::P<CVMDKGrainTableCache> none(new CVMDKGrainTableCache(0));
-    put(*none, kDirA, 0, 6);
-    EXPECT_EQ(writtenSectors(), (std::vector<long long>{1, 2, 6}));
-    CVMDKGrainTableCache(*cache).clear();
-    EXPECT_EQ(cache->getCachedTableCount() + none->getCachedTableCount(), 0);
-}
-
-TEST_F(CVMDKGrainTableCacheTest, FlushAndRemovalTouchOneDirectoryOnly) {
-    kz::P<CVMDKGrainTableCache> cache(new CVMDKGrainTableCache(3));
+    stream->writes.clear();
     cache->setAutoEnforceLimit(false);
     for (long long index : {2, 0, 1}) {
-        put(*cache, kDirA, index, 1 + index);
+        put(kDirA, index, 10 + index);
     }
-    put(*cache, kDirB, 0, 8);
-
+    put(kDirB, 0, 8);
     cache->flushCachedTablesFromDirectoryToStream(kDirA);
-    EXPECT_EQ(writtenSectors(), (std::vector<long long>{1, 2, 3}));  // ascending table index
+    EXPECT_EQ(writtenSectors(), (std::vector<long long>{10, 11, 12}));
     cache->removeCachedTablesFromDirectory(kDirA);
     EXPECT_EQ(cache->getCachedTableCount(), 1);
-    EXPECT_EQ(cache->getCachedTable(kDirA, 1), nullptr);
-    EXPECT_EQ(writtenSectors().size(), 3u);
     EXPECT_TRUE(cache->getCachedTable(kDirB, 0)->hasUnflushedChanges());
-
-    // Without enforcement nothing left; enforced, the oldest goes and writes itself.
     for (long long index : {0, 1, 2}) {
-        put(*cache, kDirA, index, 1 + index, false);
+        put(kDirA, index, 10 + index, false);
     }
-    cache->enforceLimit();
-    EXPECT_EQ(writtenSectors(), (std::vector<long long>{1, 2, 3, 8}));
-    EXPECT_EQ(cache->getCachedTableCount(), 3);
-    put(*cache, kDirA, 3, 4);
+    cache->enforceLimit();  // the oldest goes and writes itself
+    EXPECT_EQ(writtenSectors(), (std::vector<long long>{10, 11, 12, 8}));
+    put(kDirA, 3, 13, false);
     cache->setAutoEnforceLimit(true);
-    EXPECT_EQ(cache->getCachedTableCount(), 3);
+    EXPECT_EQ(cache->getCachedTableCount(), 2);
 }
 
 }  // namespace

@@ -1,8 +1,5 @@
 #include "harl/descriptor/CVMDKDescriptor.h"
-#include "harl/format/CVMDKSparseExtentHeader.h"
 #include "harl/format/VMDKMarkers.h"
-#include "harl/foundation/kz/CBufferStream.h"
-#include "harl/foundation/kz/CDataInStream.h"
 #include "harl/foundation/kz/CError.h"
 #include "harl/foundation/kz/CFaultInjectingFileSystem.h"
 #include "harl/foundation/kz/CFileSystemError.h"
@@ -27,89 +24,61 @@ kz::TBuffer<unsigned char> zeros(size_t size) {
     return buffer;
 }
 
-// The whole file, read back through the file system.
-kz::TBuffer<unsigned char> contentOf(kz::IFileSystem& fileSystem, const kz::CURI& uri) {
-    kz::P<kz::IIOStream> stream = fileSystem.open(uri, kz::IIOStream::AccessRead, 0);
-    kz::TBuffer<unsigned char> content(static_cast<size_t>(stream->getLength()));
-    stream->read(content.getData(), static_cast<int>(content.getUsed()));
-    return content;
+// The little-endian value of `size` bytes at `offset`: header fields, directory entries.
+unsigned long long valueAt(const kz::TBuffer<unsigned char>& file, long long offset, int size) {
+    unsigned long long value = 0;
+    for (int i = size - 1; i >= 0; --i) {
+        value = value << 8 | file.getData()[offset + i];
+    }
+    return value;
 }
 
-CVMDKSparseExtentHeader headerAt(const kz::TBuffer<unsigned char>& file, long long sector) {
-    kz::P<kz::CBufferStream> stream(new kz::CBufferStream(file));
-    stream->seek(sector * 512);
-    kz::CDataInStream in(stream.get());
-    CVMDKSparseExtentHeader header;
-    header.load(in);
-    return header;
-}
+// The redundant directory, the directory and the overhead from the header, and the file's
+// length, in sectors.
+using CLayout = std::tuple<unsigned long long, unsigned long long, unsigned long long, size_t>;
 
-unsigned int entryAt(const kz::TBuffer<unsigned char>& file, long long sector, long long index) {
-    const unsigned char* p = file.getData() + sector * 512 + index * 4;
-    return p[0] | p[1] << 8 | p[2] << 16 | static_cast<unsigned int>(p[3]) << 24;
-}
-
-bool markerAt(const kz::TBuffer<unsigned char>& file, long long sector, VMDKMarkerID id,
-              long long value) {
-    long long found = -1;
-    return isVMDKMarker(file.getData() + sector * 512, id, &found) && found == value;
-}
-
-struct CLayout {
-    long long r, p, overhead, fileSectors;
-    friend bool operator==(const CLayout&, const CLayout&) = default;
-};
-
-CLayout create(kz::IFileSystem& fs, bool compressed, long long grains,
+CLayout create(kz::CMemoryFileSystem& fs, bool compressed, long long grains,
                long long grainSectors = 128) {
+    fs.deleteFile(kUri, true);
     createEmptyVMDKSparseExtentFile(&fs, kUri, compressed, grains, grainSectors, zeros(65536),
                                     nullptr, 0, kz::TBuffer<unsigned char>());
-    const kz::TBuffer<unsigned char> file = contentOf(fs, kUri);
-    const CVMDKSparseExtentHeader header = headerAt(file, 0);
-    return {static_cast<long long>(header.getRedundantGrainDirectoryOffsetSectors()),
-            static_cast<long long>(header.getGrainDirectoryOffsetSectors()),
-            static_cast<long long>(header.getOverheadSectors()),
-            static_cast<long long>(file.getUsed() / 512)};
+    const kz::TBuffer<unsigned char>& file = fs.getFile(kUri)->getContent();
+    return {valueAt(file, 48, 8), valueAt(file, 56, 8), valueAt(file, 64, 8), file.getUsed() / 512};
 }
 
-TEST(VMDKEmptyExtentTest, LaysOutTheWorkedExample) {
-    using Header = std::tuple<uint32_t, uint32_t, uint16_t, uint64_t>;
-    const auto fields = [](const CVMDKSparseExtentHeader& h) {
-        return Header(h.getVersion(), h.getFlags(), h.getCompressAlgorithm(),
-                      h.getCapacitySectors());
-    };
+// The directory entries are 4 bytes, so 64 tables fill half a directory sector; metadata that
+// ends on a grain boundary needs no fill. A creation that fails deletes its half-made file.
+TEST(VMDKEmptyExtentTest, LaysOutTheWorkedExampleAndDeletesAHalfMadeFile) {
     kz::P<kz::CMemoryFileSystem> fs(new kz::CMemoryFileSystem);
-    EXPECT_EQ(create(*fs, false, 32768), (CLayout{1, 258, 640, 640}));
-    const kz::TBuffer<unsigned char> plainFile = contentOf(*fs, kUri);
-    EXPECT_EQ(entryAt(plainFile, 1, 0), 2u);
-    EXPECT_EQ(entryAt(plainFile, 258, 63), 259u + 4 * 63);
-    EXPECT_EQ(fields(headerAt(plainFile, 0)), Header(1, 0x3, 0, 32768 * 128));
-    fs->deleteFile(kUri, false);
-    // Metadata that ends on a grain boundary needs no fill.
-    EXPECT_EQ(create(*fs, false, 512, 1), (CLayout{1, 6, 11, 11}));
-    fs->deleteFile(kUri, false);
+    EXPECT_EQ(create(*fs, false, 512, 1), CLayout(1, 6, 11, 11));
+    EXPECT_EQ(create(*fs, false, 32768), CLayout(1, 258, 640, 640));
+    EXPECT_EQ(valueAt(fs->getFile(kUri)->getContent(), 258 * 512 + 63 * 4, 4), 259u + 4 * 63);
 
-    EXPECT_EQ(create(*fs, true, 32768), (CLayout{2, 324, 896, 899}));
-    const kz::TBuffer<unsigned char> file = contentOf(*fs, kUri);
-    EXPECT_EQ(entryAt(file, 2, 0), 4u);
-    EXPECT_EQ(entryAt(file, 2, 1), 9u);
-    EXPECT_EQ(entryAt(file, 646, 0), 648u);
+    EXPECT_EQ(create(*fs, true, 32768), CLayout(2, 324, 896, 899));
+    const kz::TBuffer<unsigned char>& file = fs->getFile(kUri)->getContent();
+    // Version, flags, compression algorithm; entries of both directories and the slot one.
+    for (const auto& [offset, size, value] : {std::tuple{4LL, 4, 3ULL},
+                                              {8, 4, 0x30003},
+                                              {77, 2, 1},
+                                              {2 * 512, 4, 4},
+                                              {2 * 512 + 4, 4, 9},
+                                              {646 * 512, 4, 648}}) {
+        EXPECT_EQ(valueAt(file, offset, size), value) << offset;
+    }
     for (const auto& [sector, id, value] : {std::tuple{1, VMDKMarkerGrainDirectory, 1},
                                             {3, VMDKMarkerGrainTable, 4},
-                                            {323, VMDKMarkerGrainDirectory, 1},
                                             {645, VMDKMarkerSlotSizeDirectory, 1},
                                             {647, VMDKMarkerSlotSizeTable, 2},
                                             {896, VMDKMarkerFooter, 1},
                                             {898, VMDKMarkerEndOfStream, 0}}) {
-        EXPECT_TRUE(markerAt(file, sector, id, value)) << sector;
+        long long found = -1;
+        EXPECT_TRUE(isVMDKMarker(file.getData() + sector * 512, id, &found) && found == value)
+            << sector;
     }
     // The footer is the header's twin, byte for byte.
     EXPECT_EQ(std::memcmp(file.getData(), file.getData() + 897 * 512, 512), 0);
-    EXPECT_EQ(fields(headerAt(file, 0)), Header(3, 0x30003, 1, 32768 * 128));
-}
 
-TEST(VMDKEmptyExtentTest, FailureDeletesTheHalfMadeFile) {
-    kz::P<kz::CMemoryFileSystem> fs(new kz::CMemoryFileSystem);
+    fs->deleteFile(kUri, false);
     kz::TBuffer<unsigned char> text(2000);
     text.fill('x');
     kz::P<CVMDKDescriptor> tooLong(new CVMDKDescriptor(text));
@@ -124,12 +93,7 @@ TEST(VMDKEmptyExtentTest, FailureDeletesTheHalfMadeFile) {
     EXPECT_THROW(createEmptyVMDKSparseExtentFile(faulty.get(), kUri, false, 8, 128, zeros(512),
                                                  nullptr, 0, kz::TBuffer<unsigned char>()),
                  kz::CFileSystemError);
-    ASSERT_EQ(log.messages(kz::LogLevel::Error).size(), 2u);
-    EXPECT_EQ(log.messages(kz::LogLevel::Error)[0].find(
-                  "Error in CVMDKDisk::createEmptySparseExtentFile ('file:///images/my "
-                  "extent.vmdk'). Deleting file and letting error through.: Internal error: "
-                  "actual VMDK descriptor size exceeds target size"),
-              0u);
+    EXPECT_EQ(log.messages(kz::LogLevel::Error).size(), 2u);
 }
 
 }  // namespace
