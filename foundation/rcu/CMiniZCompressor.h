@@ -22,8 +22,8 @@ namespace rcu {
 // Input that deflate cannot shrink (random, encrypted or already compressed content) costs the
 // engine more time than any other, for nothing. At levels 1 and up, an input of at least
 // kSampleMinBytes that looks like such content (byte values spread near evenly at its start,
-// middle and end, and a sample of its middle that does not shrink) goes into deflate's stored blocks instead,
-// as level 0 writes them: the same format, a few bytes longer than the input.
+// middle and end, and a sample of its middle that does not shrink) goes into deflate's stored
+// blocks instead, as level 0 writes them: the same format, a few bytes longer than the input.
 class CMiniZCompressor : public kz::CBase, public virtual kz::ISimpleCompressor {
 public:
     // A level outside -1..12 throws CInvalidArgError.
@@ -46,7 +46,7 @@ protected:
     ~CMiniZCompressor() override;
 
 private:
-    // True when the middle of the input looks as if deflate cannot shrink it.
+    // True when the input looks as if deflate cannot shrink it (see above).
     bool looksIncompressible(const unsigned char* source, int sourceSize);
     static libdeflate_compressor* allocCompressor(int level);
 

@@ -21,7 +21,6 @@ CWriteBehindStream::~CWriteBehindStream() {
     } catch (const std::exception& error) {
         kz::onExceptionInDestructorIgnored("harlimg::CWriteBehindStream", error, true);
     }
-    stopThread();
 }
 
 long long CWriteBehindStream::getLength() {
