@@ -2,12 +2,21 @@
 
 #include "harl/foundation/kz/CLocalFileSystem.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace kz {
+
+namespace {
+
+// Written bytes that start writeback: large enough that the system gets long runs to write,
+// small enough that the disk starts early and dirty memory stays small.
+constexpr long long kWritebackBytes = 8LL << 20;
+
+}  // namespace
 
 static_assert(sizeof(off_t) == 8, "file positions need 64-bit offsets");
 
@@ -43,10 +52,29 @@ void CLocalFileStream::doWrite(long long position, const void* data, int size) {
             throw CLocalFileSystem::makeError("Cannot write file", count < 0 ? errno : ENOSPC,
                                               getURI());
         }
+        if (unstartedBytes == 0) {
+            unstartedFrom = position;
+            unstartedTo = position;
+        }
+        unstartedFrom = std::min(unstartedFrom, position);
+        unstartedTo = std::max(unstartedTo, position + count);
+        unstartedBytes += count;
         bytes += count;
         position += count;
         size -= static_cast<int>(count);
     }
+    if (unstartedBytes >= kWritebackBytes) {
+        startWriteback();
+    }
+}
+
+void CLocalFileStream::startWriteback() {
+#ifdef __linux__
+    // Only a hint: an error here shows again, and is reported, at the next flush().
+    ::sync_file_range(fd, static_cast<off_t>(unstartedFrom),
+                      static_cast<off_t>(unstartedTo - unstartedFrom), SYNC_FILE_RANGE_WRITE);
+#endif
+    unstartedBytes = 0;
 }
 
 long long CLocalFileStream::doGetLength() {
