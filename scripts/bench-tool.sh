@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Measures harl-img beside qemu-img and the plain bounds, in one run, on two generated raw images
 # of HARL_BENCH_MIB MiB (default 1024): an ext4 file system with files (about a third of its
-# grains zero) and random data. Each case runs HARL_BENCH_RUNS times (default 3); the table
-# gives the median wall time, the ratio to harl-img's own line of the group, and the peak
-# resident memory (GNU time). Every writing case ends with `sync`, so that all pay for getting
-# their data to the disk, as harl-img's flushes do.
+# grains zero) and random data. Each case runs HARL_BENCH_RUNS times (default 5), the cases of a
+# group taking turns; the table gives the median wall time, the ratio to harl-img's own line of
+# the group, and the peak resident memory (GNU time). Every writing case ends with `sync`, so
+# that all pay for getting their data to the disk, as harl-img's flushes do.
 #
 # Groups: raw -> monolithic VMDK beside `qemu-img convert -O vmdk` and `cp` + sync; raw ->
 # compressed on one and two threads beside `qemu-img convert -O vmdk -o
@@ -16,7 +16,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
 mib=${HARL_BENCH_MIB:-1024}
-runs=${HARL_BENCH_RUNS:-3}
+runs=${HARL_BENCH_RUNS:-5}
 
 bash scripts/setup.sh
 cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DHARL_TESTS=OFF -DHARL_BENCHMARKS=ON \
@@ -47,20 +47,33 @@ make_ext4_image() {
     rm -rf files
 }
 
-# "median seconds peak-KiB" of `runs` runs of a shell command; $out is removed before each.
-measure() {
-    local command=$1 times=() peak=0
-    for _ in $(seq "$runs"); do
-        rm -rf out.* && sync
-        local result
-        /usr/bin/time -o time.txt -f "%e %M" sh -c "$command" > /dev/null 2>&1
-        result=$(tail -1 time.txt)
-        times+=("${result% *}")
-        peak=$(( ${result#* } > peak ? ${result#* } : peak ))
+# Runs the cases of a group (pairs of name and shell command) `runs` times, taking turns run by
+# run, so that a slow spell of the disk or the host falls on every case alike; prints a row per
+# case with the median wall time, the ratio to the group's first case and the peak resident
+# memory. out.* is removed and everything synced before each run.
+cases() {
+    local count=$(($# / 2)) names=() commands=() times=() peaks=()
+    while [ $# -gt 0 ]; do
+        names+=("$1") commands+=("$2") times+=("") peaks+=(0)
+        shift 2
     done
-    local median
-    median=$(printf '%s\n' "${times[@]}" | sort -n | awk '{ a[NR] = $1 } END { print a[int((NR + 1) / 2)] }')
-    echo "$median $peak"
+    for _ in $(seq "$runs"); do
+        for i in $(seq 0 $((count - 1))); do
+            rm -rf out.* && sync
+            /usr/bin/time -o time.txt -f "%e %M" sh -c "${commands[$i]}" > /dev/null 2>&1
+            local result
+            result=$(tail -1 time.txt)
+            times[$i]="${times[$i]} ${result% *}"
+            peaks[$i]=$(( ${result#* } > ${peaks[$i]} ? ${result#* } : ${peaks[$i]} ))
+        done
+    done
+    for i in $(seq 0 $((count - 1))); do
+        row "${names[$i]}" "$(median ${times[$i]})" "${peaks[$i]}"
+    done
+}
+
+median() {
+    printf '%s\n' "$@" | sort -n | awk '{ a[NR] = $1 } END { print a[int((NR + 1) / 2)] }'
 }
 
 # The median seconds of a Google Benchmark case of the bounds program over `image`.
@@ -77,12 +90,6 @@ row() {
     printf '| %-44s | %8.2f | %6.2f | %8s |\n' "$name" "$seconds" \
         "$(awk -v a="$seconds" -v b="$base" 'BEGIN { print (b > 0 ? a / b : 0) }')" \
         "$([ "$peak" = "-" ] && echo "-" || echo "$((peak / 1024)) MiB")"
-}
-
-case_row() {
-    local name=$1 command=$2
-    # shellcheck disable=SC2046
-    row "$name" $(measure "$command")
 }
 
 group() {
@@ -103,28 +110,28 @@ for image in ext4 random; do
     raw=$image.raw
     "$tool" convert -q -O vmdk $raw src.vmdk
     group "$raw → monolithic VMDK"
-    case_row "harl-img convert -O vmdk" "$tool convert -q -O vmdk $raw out.vmdk && sync"
-    case_row "qemu-img convert -O vmdk" "qemu-img convert -O vmdk $raw out.vmdk && sync"
-    case_row "cp + sync" "cp $raw out.raw && sync"
+    cases "harl-img convert -O vmdk" "$tool convert -q -O vmdk $raw out.vmdk && sync" \
+        "qemu-img convert -O vmdk" "qemu-img convert -O vmdk $raw out.vmdk && sync" \
+        "cp + sync" "cp $raw out.raw && sync"
 
     group "$raw → compressed VMDK"
-    case_row "harl-img convert -c -j 1" "$tool convert -q -O vmdk -c -j 1 $raw out.vmdk && sync"
-    case_row "harl-img convert -c -j 2" "$tool convert -q -O vmdk -c -j 2 $raw out.vmdk && sync"
-    case_row "qemu-img convert subformat=streamOptimized" \
+    cases "harl-img convert -c -j 1" "$tool convert -q -O vmdk -c -j 1 $raw out.vmdk && sync" \
+        "harl-img convert -c -j 2" "$tool convert -q -O vmdk -c -j 2 $raw out.vmdk && sync" \
+        "qemu-img convert subformat=streamOptimized" \
         "qemu-img convert -O vmdk -o subformat=streamOptimized $raw out.vmdk && sync"
     row "libdeflate level 1 over the grains (CPU)" "$(bound $raw BM_DeflateGrainsLevel1)" "-"
 
     group "$raw → encrypted VMDK"
-    case_row "harl-img convert -o encrypt=on" \
-        "$tool convert -q -O vmdk -o encrypt=on --target-password-file password $raw out.vmdk && sync"
-    case_row "openssl enc -aes-256-cbc + sync" \
+    cases "harl-img convert -o encrypt=on" \
+        "$tool convert -q -O vmdk -o encrypt=on --target-password-file password $raw out.vmdk && sync" \
+        "openssl enc -aes-256-cbc + sync" \
         "openssl enc -aes-256-cbc -nosalt -K $(printf '%064d' 7) -iv $(printf '%032d' 9) -in $raw -out out.enc && sync"
     row "AES-256-CBC over the grains (CPU)" "$(bound $raw BM_EncryptGrainsAes256Cbc)" "-"
 
     group "monolithic VMDK of $raw → raw"
-    case_row "harl-img convert -O raw" "$tool convert -q -O raw src.vmdk out.raw && sync"
-    case_row "qemu-img convert -O raw" "qemu-img convert -O raw src.vmdk out.raw && sync"
-    case_row "cat + sync" "cat src.vmdk > out.raw && sync"
+    cases "harl-img convert -O raw" "$tool convert -q -O raw src.vmdk out.raw && sync" \
+        "qemu-img convert -O raw" "qemu-img convert -O raw src.vmdk out.raw && sync" \
+        "cat + sync" "cat src.vmdk > out.raw && sync"
     rm -f src.vmdk
 done
 
@@ -132,6 +139,6 @@ done
 # stored grains harl-img moves into its compressed disk as they are.
 qemu-img convert -O vmdk -o subformat=streamOptimized ext4.raw qemu-stream.vmdk
 group "qemu-img's stream-optimized VMDK of ext4.raw → compressed VMDK"
-case_row "harl-img convert -c" "$tool convert -q -O vmdk -c qemu-stream.vmdk out.vmdk && sync"
-case_row "qemu-img convert subformat=streamOptimized" \
+cases "harl-img convert -c" "$tool convert -q -O vmdk -c qemu-stream.vmdk out.vmdk && sync" \
+    "qemu-img convert subformat=streamOptimized" \
     "qemu-img convert -O vmdk -o subformat=streamOptimized qemu-stream.vmdk out.vmdk && sync"
