@@ -231,6 +231,27 @@ TEST_F(HarlImgTest, RoundTripsEveryFormWithQemuImgAsPeer) {
     }
 }
 
+// Holes of a raw file are left out unread. Data ends and starts again inside grains, and the
+// file ends in a hole and a partial grain: every grain with a byte of data must arrive.
+TEST_F(HarlImgTest, ConvertSkipsHolesOfRawFilesButNoDataBesideThem) {
+    const harltest::Bytes data = harltest::makeFileSystemLikeData(kGrain, 8);
+    {
+        std::ofstream raw(file("holes.raw"), std::ios::binary);
+        raw.write(reinterpret_cast<const char*>(data.data()), 100 * 1024);
+        raw.seekp(300 * 1024);
+        raw.write(reinterpret_cast<const char*>(data.data()), 10 * 1024);
+    }
+    std::filesystem::resize_file(file("holes.raw"), kMiB + 4096);
+
+    for (const std::string format : {"vmdk", "raw"}) {
+        const std::string out = file("out." + format);
+        ASSERT_EQ(tool({"convert", "-q", "-O", format, file("holes.raw"), out}).status, 0);
+        EXPECT_EQ(tool({"compare", file("holes.raw"), out}).status, 0) << format;
+    }
+    // Grains 0 and 1 around the hole's start, 4 around its end.
+    EXPECT_EQ(json({"info", "--output=json", file("out.vmdk")})["space"]["payload"], 3 * kGrain);
+}
+
 // Each kind of damage on a compressed disk, made at the places its own metadata names; and
 // leaked space, and the warning for a renamed copy of a monolithic disk.
 TEST_F(HarlImgTest, CheckFindsEachKindOfDamage) {

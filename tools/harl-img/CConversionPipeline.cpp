@@ -119,7 +119,11 @@ void CConversionPipeline::writeLoop(const Writer& writer) {
     for (;;) {
         {
             std::unique_lock lock(mutex);
-            if (!writerMayGo()) {
+            // Within a run the writer goes on while the next slot is ready; between runs it
+            // sleeps until a whole batch is.
+            const bool inRun = writerNext != jobCount && !failure &&
+                               slotOf(writerNext).state == SlotState::Ready;
+            if (!inRun && !writerMayGo()) {
                 writerWaiting = true;
                 writerWake.wait(lock, [&] { return writerMayGo(); });
                 writerWaiting = false;
@@ -149,8 +153,9 @@ bool CConversionPipeline::writerMayGo() const {
            (jobCount < 0 || writerNext + static_cast<long long>(ready) < jobCount)) {
         ++ready;
     }
-    // Short of a batch, go on only when no more is coming: the reader waits or is done.
-    return ready >= batch || (ready > 0 && (readerWaiting || jobCount >= 0));
+    // Short of a batch, go on only when no more is coming. A reader that waits needs no
+    // exception: it waits only on a full ring, which its workers make ready in full.
+    return ready >= batch || (ready > 0 && jobCount >= 0);
 }
 
 void CConversionPipeline::wakeWriterIfDue() {

@@ -27,9 +27,9 @@ namespace harlimg {
 // one mutex, which also hands each slot's buffers from thread to thread.
 //
 // A thread that waits is woken for half a ring of work, not for each slot: the reader once half
-// the ring is free, the writer once half the ring is ready in order (or the reader waits, or
-// the end is known). So the threads take turns in runs, which keeps the number of sleeps and
-// wake-ups low on a busy machine.
+// the ring is free, the writer once half the ring is ready in order (or the end is known), and
+// each goes on while it finds work. So the threads take turns in runs, which keeps the number
+// of sleeps and wake-ups low on a busy machine.
 //
 // The first exception of any stage stops all of them; run() throws it once every thread has
 // ended.

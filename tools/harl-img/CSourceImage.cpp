@@ -16,7 +16,10 @@
 #include "CommandLine.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace harlimg {
 
@@ -98,8 +101,30 @@ CSourceImage::CSourceImage(kz::IFileSystem* fileSystem, const std::string& path,
         extentStarts = extentStartsOf(*disk);
     } else {
         stream = fileSystem->open(uri, kRead, 0);
+        // Opened after the file system let the file through; without it all is read.
+        holesFd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     }
     sizeBytes = stream->getLength();
+}
+
+CSourceImage::~CSourceImage() {
+    if (holesFd >= 0) {
+        ::close(holesFd);
+    }
+}
+
+long long CSourceImage::nextDataFrom(long long position) const {
+    if (holesFd < 0 || position >= sizeBytes || (position >= dataStart && position < dataEnd)) {
+        return position;
+    }
+    const off_t data = ::lseek(holesFd, static_cast<off_t>(position), SEEK_DATA);
+    if (data < 0) {
+        return errno == ENXIO ? sizeBytes : position;
+    }
+    const off_t hole = ::lseek(holesFd, data, SEEK_HOLE);
+    dataStart = data;
+    dataEnd = hole < 0 ? sizeBytes : hole;
+    return std::min(static_cast<long long>(data), sizeBytes);
 }
 
 long long CSourceImage::extentStartOf(long long position) const {

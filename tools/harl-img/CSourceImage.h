@@ -22,6 +22,9 @@ public:
     // what opening the file or the disk throws.
     CSourceImage(kz::IFileSystem* fileSystem, const std::string& path, const std::string& format,
                  const std::string& passwordFile);
+    ~CSourceImage();
+    CSourceImage(const CSourceImage&) = delete;
+    CSourceImage& operator=(const CSourceImage&) = delete;
 
     // The one way in which the tool opens a VMDK disk for reading. The library's own disks open
     // as harl::CVMDKDisk, with their lock file; disks of other writers (flat, VMFS and zero
@@ -63,6 +66,12 @@ public:
     long long extentStartOf(long long position) const;
     long long nextExtentStart(long long position) const;
 
+    // For a raw file, the first byte at or above `position` that may hold data as far as the
+    // system knows: a hole reads as zeros, so what lies before it need not be read. The size
+    // when only a hole follows; `position` itself for a VMDK disk and when the system cannot
+    // tell.
+    long long nextDataFrom(long long position) const;
+
     const kz::CURI& getURI() const { return uri; }
 
     const std::string& getPath() const { return path; }
@@ -78,6 +87,11 @@ private:
     long long sizeBytes = 0;
     // Where the extents start, in bytes, ascending from 0.
     std::vector<long long> extentStarts;
+    // The raw file once more, for asking the system where its holes are; -1 for none.
+    int holesFd = -1;
+    // The run of data that the system named last: [dataStart, dataEnd).
+    mutable long long dataStart = 0;
+    mutable long long dataEnd = 0;
 };
 
 }  // namespace harlimg

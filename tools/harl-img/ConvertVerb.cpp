@@ -115,6 +115,12 @@ public:
     bool next(CConversionPipeline::CJob& job) {
         for (; nextGrain * grainBytes < source.getSizeBytes(); ++nextGrain) {
             const long long position = nextGrain * grainBytes;
+            // A grain inside a hole of a raw file is left out unread, and so is the hole.
+            const long long data = source.nextDataFrom(position);
+            if (data >= position + grainBytes) {
+                nextGrain = data / grainBytes - 1;
+                continue;
+            }
             job.grainIndex = nextGrain;
             job.sourceBytesDone = std::min(position + grainBytes, source.getSizeBytes());
             // The disk answers for a grain that is one of an extent's own; any other grain
