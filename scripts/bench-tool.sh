@@ -47,8 +47,9 @@ make_ext4_image() {
     rm -rf files
 }
 
-# Runs the cases of a group (pairs of name and shell command) `runs` times, taking turns run by
-# run, so that a slow spell of the disk or the host falls on every case alike; prints a row per
+# Runs the cases of a group (pairs of name and shell command) `runs` times, taking turns in an
+# order drawn anew each round, so that a slow spell of the disk or the host, or a machine that
+# is slow on every other run, falls on every case alike; prints a row per
 # case with the median wall time, the ratio to the group's first case and the peak resident
 # memory. out.* is removed and everything synced before each run.
 cases() {
@@ -58,7 +59,7 @@ cases() {
         shift 2
     done
     for _ in $(seq "$runs"); do
-        for i in $(seq 0 $((count - 1))); do
+        for i in $(seq 0 $((count - 1)) | shuf); do
             rm -rf out.* && sync
             /usr/bin/time -o time.txt -f "%e %M" sh -c "${commands[$i]}" > /dev/null 2>&1
             local result
