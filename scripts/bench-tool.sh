@@ -3,7 +3,7 @@
 # of HARL_BENCH_MIB MiB (default 1024): an ext4 file system with files (about a third of its
 # grains zero) and random data. Each case runs HARL_BENCH_RUNS times (default 5), the cases of a
 # group taking turns; the table gives the median wall time, the ratio to harl-img's own line of
-# the group, and the peak resident memory (GNU time). Every writing case ends with `sync`, so
+# the group, the fastest and slowest run, and the peak resident memory (GNU time). Every writing case ends with `sync`, so
 # that all pay for getting their data to the disk, as harl-img's flushes do.
 #
 # Groups: raw -> monolithic VMDK beside `qemu-img convert -O vmdk` and `cp` + sync; raw ->
@@ -49,9 +49,9 @@ make_ext4_image() {
 
 # Runs the cases of a group (pairs of name and shell command) `runs` times, taking turns in an
 # order drawn anew each round, so that a slow spell of the disk or the host, or a machine that
-# is slow on every other run, falls on every case alike; prints a row per
-# case with the median wall time, the ratio to the group's first case and the peak resident
-# memory. out.* is removed and everything synced before each run.
+# is slow on every other run, falls on every case alike; prints a row per case with the median
+# wall time, the ratio to the group's first case, the fastest and slowest run and the peak
+# resident memory. out.* is removed and everything synced before each run.
 cases() {
     local count=$(($# / 2)) names=() commands=() times=() peaks=()
     while [ $# -gt 0 ]; do
@@ -69,7 +69,9 @@ cases() {
         done
     done
     for i in $(seq 0 $((count - 1))); do
-        row "${names[$i]}" "$(median ${times[$i]})" "${peaks[$i]}"
+        # shellcheck disable=SC2086
+        row "${names[$i]}" "$(median ${times[$i]})" "${peaks[$i]}" \
+            "$(printf '%s\n' ${times[$i]} | sort -n | sed -n '1p;$p' | paste -sd-)"
     done
 }
 
@@ -86,18 +88,18 @@ bound() {
 
 base=""
 row() {
-    local name=$1 seconds=$2 peak=$3
+    local name=$1 seconds=$2 peak=$3 spread=${4:--}
     [ -z "$base" ] && base=$seconds
-    printf '| %-44s | %8.2f | %6.2f | %8s |\n' "$name" "$seconds" \
-        "$(awk -v a="$seconds" -v b="$base" 'BEGIN { print (b > 0 ? a / b : 0) }')" \
+    printf '| %-44s | %8.2f | %6.2f | %11s | %8s |\n' "$name" "$seconds" \
+        "$(awk -v a="$seconds" -v b="$base" 'BEGIN { print (b > 0 ? a / b : 0) }')" "$spread" \
         "$([ "$peak" = "-" ] && echo "-" || echo "$((peak / 1024)) MiB")"
 }
 
 group() {
     base=""
     echo
-    echo "| $1 | seconds | × harl-img | peak RSS |"
-    echo "|---|---:|---:|---:|"
+    echo "| $1 | seconds | × harl-img | runs | peak RSS |"
+    echo "|---|---:|---:|---:|---:|"
 }
 
 make_ext4_image
