@@ -47,65 +47,58 @@ std::string bytesAt(kz::CBufferStream& stream, size_t offset, size_t length) {
                        length);
 }
 
+kz::P<CVMDKDescriptorAccessor> access(kz::CBufferStream& stream,
+                                      kz::IIOStream::Access mode = kz::IIOStream::AccessRead) {
+    return kz::P<CVMDKDescriptorAccessor>(new CVMDKDescriptorAccessor(&stream, mode));
+}
+
 TEST(CVMDKDescriptorAccessorTest, ReadsEmbeddedAndStandaloneDescriptors) {
     kz::P<kz::CBufferStream> sparse = embedded(kText, 1, 20);
     sparse->seek(777);
-    kz::P<CVMDKDescriptorAccessor> inSparse(
-        new CVMDKDescriptorAccessor(sparse.get(), kz::IIOStream::AccessRead));
+    kz::P<CVMDKDescriptorAccessor> inSparse = access(*sparse);
     EXPECT_TRUE(inSparse->getEmbeddedInSparseExtentFile());
     EXPECT_EQ(inSparse->getDescriptor()->getContentID(), 0x1234abcdu);
     EXPECT_EQ(sparse->getPosition(), 777);
 
     harltest::CLogCapture log;
     kz::P<kz::CBufferStream> file = standalone(kText);
-    kz::P<CVMDKDescriptorAccessor> alone(
-        new CVMDKDescriptorAccessor(file.get(), kz::IIOStream::AccessRead));
+    kz::P<CVMDKDescriptorAccessor> alone = access(*file);
     EXPECT_FALSE(alone->getEmbeddedInSparseExtentFile());
     EXPECT_EQ(alone->getDescriptor()->getCreateType(), "monolithicSparse");
-    ASSERT_EQ(log.messages(kz::LogLevel::Info).size(), 1u);
-    EXPECT_EQ(log.messages(kz::LogLevel::Info)[0],
-              "Unsupported VMDK type identifier (0x69442023). Handle as not embedded "
-              "descriptor...");
+    EXPECT_EQ(log.messages(kz::LogLevel::Info),
+              std::vector<kz::String>{"Unsupported VMDK type identifier (0x69442023). Handle as "
+                                      "not embedded descriptor..."});
 }
 
+// 5 MiB is the largest descriptor; one sector more is refused before it is read. A refusal
+// leaves the stream where it was and names the file.
 TEST(CVMDKDescriptorAccessorTest, RefusesFilesWithoutAUsableDescriptor) {
-    const auto codeOf = [](kz::CBufferStream& stream) {
+    const std::string uri = " [uri=file:///d/disk.vmdk";
+    const std::string noDescriptor = "5 No VMDK descriptor found in VMDK file." + uri + "]";
+    using Case = std::pair<kz::P<kz::CBufferStream>, std::string>;
+    for (const Case& item : std::vector<Case>{
+             {standalone("abc"), "4 Unexpected end of data" + uri + ", position=0, size=4]"},
+             {embedded(kText, 0, 20), noDescriptor},
+             {embedded(kText, 1ULL << 60, 20), noDescriptor},
+             {embedded(kText, 1, 20, 4), "6 VMDK file has an unsupported version: 4" + uri + "]"},
+             {embedded(kText, 1, 0x500000 / 512), "nothing thrown"},
+             {embedded(kText, 1, 0x500000 / 512 + 1),
+              "5 VMDK descriptor is too big (5243392 bytes)." + uri + "]"},
+         }) {
+        kz::CBufferStream& stream = *item.first;
         stream.seek(3);
-        try {
-            CVMDKDescriptorAccessor accessor(&stream, kz::IIOStream::AccessRead);
-        } catch (const kz::CIOError& error) {
-            EXPECT_EQ(stream.getPosition(), 3);
-            EXPECT_EQ(error.getProps().getKey(0), "uri");
-            return std::make_pair(error.getCode(), error.getMessage().toUTF8());
-        }
-        return std::make_pair(0, std::string());
-    };
-    kz::P<kz::CBufferStream> tiny = standalone("abc");
-    EXPECT_EQ(codeOf(*tiny).first, kz::CIOError::EndOfData);
-    kz::P<kz::CBufferStream> noOffset = embedded(kText, 0, 20);
-    EXPECT_EQ(codeOf(*noOffset),
-              std::make_pair(5, std::string("No VMDK descriptor found in VMDK file.")));
-    kz::P<kz::CBufferStream> hugeOffset = embedded(kText, 1ULL << 60, 20);
-    EXPECT_EQ(codeOf(*hugeOffset).first, 5);
-    kz::P<kz::CBufferStream> version4 = embedded(kText, 1, 20, 4);
-    EXPECT_EQ(codeOf(*version4),
-              std::make_pair(6, std::string("VMDK file has an unsupported version: 4")));
-
-    // 5 MiB is the largest descriptor; one sector more is refused before it is read.
-    kz::P<kz::CBufferStream> atLimit = embedded(kText, 1, 0x500000 / 512);
-    EXPECT_EQ(codeOf(*atLimit).first, 0);
-    kz::P<kz::CBufferStream> overLimit = embedded(kText, 1, 0x500000 / 512 + 1);
-    EXPECT_EQ(codeOf(*overLimit),
-              std::make_pair(5, std::string("VMDK descriptor is too big (5243392 bytes).")));
+        EXPECT_EQ(harltest::thrownText<kz::CIOError>([&] { access(stream); }), item.second);
+        EXPECT_EQ(stream.getPosition(), 3);
+    }
 }
 
-TEST(CVMDKDescriptorAccessorTest, StoresIntoExactlyItsSpace) {
-    // Bytes behind the first zero belong to no line and become zeros.
+// Bytes behind the first zero belong to no line and become zeros. A standalone file without
+// room for the encoding line is left as it was.
+TEST(CVMDKDescriptorAccessorTest, StoresIntoExactlyItsSpaceOrNotAtAll) {
     std::string text = kText + std::string(1, '\0') + "junk" + std::string(200, ' ');
     kz::P<kz::CBufferStream> file = standalone(text);
     file->seek(10);
-    kz::P<CVMDKDescriptorAccessor> accessor(
-        new CVMDKDescriptorAccessor(file.get(), kz::IIOStream::AccessReadWrite));
+    kz::P<CVMDKDescriptorAccessor> accessor = access(*file, kz::IIOStream::AccessReadWrite);
     const unsigned int newID = accessor->changeContentID();
     accessor->storeDescriptor(true);
     EXPECT_EQ(file->getPosition(), 10);
@@ -116,36 +109,26 @@ TEST(CVMDKDescriptorAccessorTest, StoresIntoExactlyItsSpace) {
     EXPECT_EQ(stored.find("junk"), std::string::npos);
 
     kz::P<kz::CBufferStream> sparse = embedded(kText, 1, 2);
-    kz::P<CVMDKDescriptorAccessor> inSparse(
-        new CVMDKDescriptorAccessor(sparse.get(), kz::IIOStream::AccessReadWrite));
     const std::string after = bytesAt(*sparse, 512 + 1024, 512);
-    inSparse->storeDescriptor(false);
+    access(*sparse, kz::IIOStream::AccessReadWrite)->storeDescriptor(false);
     EXPECT_EQ(bytesAt(*sparse, 512 + 1024, 512), after);
     EXPECT_EQ(bytesAt(*sparse, 512 + 1023, 1), std::string(1, '\0'));
-}
 
-TEST(CVMDKDescriptorAccessorTest, FullStandaloneFileCannotGrowAndReadersCannotWrite) {
-    kz::P<kz::CBufferStream> file = standalone(kText);
-    kz::P<CVMDKDescriptorAccessor> accessor(
-        new CVMDKDescriptorAccessor(file.get(), kz::IIOStream::AccessReadWrite));
-    EXPECT_THROW(accessor->storeDescriptor(true), kz::CError);
-    EXPECT_EQ(bytesAt(*file, 0, kText.size()), kText);
-    EXPECT_EQ(file->getLength(), static_cast<long long>(kText.size()));
-
-    kz::P<CVMDKDescriptorAccessor> reader(
-        new CVMDKDescriptorAccessor(file.get(), kz::IIOStream::AccessRead));
+    kz::P<kz::CBufferStream> full = standalone(kText);
+    EXPECT_THROW(access(*full, kz::IIOStream::AccessReadWrite)->storeDescriptor(true), kz::CError);
+    EXPECT_EQ(bytesAt(*full, 0, kText.size()), kText);
+    EXPECT_EQ(full->getLength(), static_cast<long long>(kText.size()));
+    kz::P<CVMDKDescriptorAccessor> reader = access(*full);
+    const std::string notWritable = " was called, but the accessor was not opened for writing.";
     EXPECT_EQ(harltest::thrownText<kz::CError>([&] { reader->changeContentID(); }),
-              "-1 Internal error: CVMDKDescriptorAccessor::changeContentID was called, but the "
-              "accessor was not opened for writing.");
+              "-1 Internal error: CVMDKDescriptorAccessor::changeContentID" + notWritable);
     EXPECT_EQ(harltest::thrownText<kz::CError>([&] { reader->storeDescriptor(false); }),
-              "-1 Internal error: CVMDKDescriptorAccessor::storeDescriptor was called, but the "
-              "accessor was not opened for writing.");
+              "-1 Internal error: CVMDKDescriptorAccessor::storeDescriptor" + notWritable);
 }
 
 TEST(CVMDKDescriptorAccessorTest, NewContentIDIsNeverTheOldOneNorReserved) {
     kz::P<kz::CBufferStream> file = standalone(kText);
-    kz::P<CVMDKDescriptorAccessor> accessor(
-        new CVMDKDescriptorAccessor(file.get(), kz::IIOStream::AccessReadWrite));
+    kz::P<CVMDKDescriptorAccessor> accessor = access(*file, kz::IIOStream::AccessReadWrite);
     unsigned int previous = accessor->getDescriptor()->getContentID();
     for (int i = 0; i < 200; ++i) {
         const unsigned int next = accessor->changeContentID();

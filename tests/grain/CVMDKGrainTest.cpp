@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -61,12 +62,10 @@ public:
     void getPreparedGrainData(long long position, Buffer& data, int grainSize,
                               bool compressed) override {
         calls.push_back("getPrepared " + std::to_string(position));
-        kz::P<Buffer> plain(new Buffer(size_t(grainSize)));
+        kz::P<Buffer> plain(new Buffer(size_t(grainSize))), aux(new Buffer);
         getData(position, plain->getData(), grainSize);
-        kz::P<Buffer> aux(new Buffer);
-        kz::P<harl::CVMDKDataPreparer> preparer(
-            new harl::CVMDKDataPreparer(grainSize / 512, compressed, 1));
-        data = *preparer->prepareGrainData(plain.get(), position / grainSize, aux.get());
+        data = *kz::makeP<harl::CVMDKDataPreparer>(grainSize / 512, compressed, 1)
+                    ->prepareGrainData(plain.get(), position / grainSize, aux.get());
     }
 };
 
@@ -109,6 +108,22 @@ protected:
         grain.open(index, disk, found ? slot->second.first : 0, found ? slot->second.second : 0);
     }
 
+    // Writes `data` from `at` into extent grain `index` where the allocator put it; closes.
+    static void writeGrain(CVMDKGrain& grain, CExtent& extent, long long index, long long disk,
+                           const Bytes& data, long long at = 0) {
+        openGrain(grain, extent, index, disk);
+        grain.seek(at);
+        grain.write(data.data(), int(data.size()));
+        grain.close();
+    }
+
+    // `data` as the grain prepares it for disk grain `disk`.
+    static kz::P<Buffer> prepare(const CVMDKGrain& grain, const Bytes& data, long long disk) {
+        kz::P<Buffer> plain(new Buffer), aux(new Buffer);
+        plain->assign(data.data(), data.size());
+        return grain.createDataPreparer()->prepareGrainData(plain.get(), disk, aux.get());
+    }
+
     static Bytes readGrain(CVMDKGrain& grain, CExtent& extent, long long index, long long disk) {
         openGrain(grain, extent, index, disk);
         Bytes data(kGrainBytes);
@@ -148,15 +163,10 @@ protected:
 
 TEST_P(CVMDKGrainTest, RoundTripsFullAndPartialGrains) {
     kz::P<CVMDKGrain> grain = makeGrain();
-    for (long long index = 0; index < 2; ++index) {  // the same bytes at two disk indexes
-        openGrain(*grain, extent, index, 5 + index);
-        grain->write(fsData.data(), kGrainBytes);
-    }
     const Bytes part = harltest::makeTextLikeData(3000, 2);
-    openGrain(*grain, extent, 2, 7);
-    grain->seek(1000);
-    grain->write(part.data(), 3000);
-    grain->close();
+    writeGrain(*grain, extent, 0, 5, fsData);  // the same bytes at two disk indexes
+    writeGrain(*grain, extent, 1, 6, fsData);
+    writeGrain(*grain, extent, 2, 7, part, 1000);
     EXPECT_EQ(extent.allocator->calls.size(), 3u);
     EXPECT_EQ(extent.stream->readCount, 0);
     EXPECT_EQ(readBack(0, 5), fsData);
@@ -183,9 +193,7 @@ TEST_P(CVMDKGrainTest, ReadsThroughToTheProviderAndMergesPartialWrites) {
     EXPECT_TRUE(grain->isGrainWritten());
     EXPECT_FALSE(grain->isGrainWrittenAndIndependentOfParent());
     const Bytes part(10, 0xee);
-    grain->seek(2000);
-    grain->write(part.data(), 10);
-    grain->close();
+    writeGrain(*grain, extent, 0, 7, part, 2000);
     EXPECT_EQ(provider->calls,
               (std::vector<std::string>{"getData 459252 100", "getData 459352 100",
                                         "isGrainWritten 458752", "getData 458752 65536"}));
@@ -202,15 +210,11 @@ TEST_P(CVMDKGrainTest, ZerosOnAnUnallocatedGrainAreStoredOnlyOverAProvider) {
     EXPECT_FALSE(grain->isGrainWritten());
     EXPECT_TRUE(extent.allocator->calls.empty());
     const Bytes lastByte = grainOf({7}, kGrainBytes - 1);  // not zero at the very end
-    grain->open(2, 2, 0, 0);
-    grain->write(lastByte.data(), kGrainBytes);
-    grain->close();
+    writeGrain(*grain, extent, 2, 2, lastByte);
     EXPECT_EQ(readBack(2, 2), lastByte);
 
     grain->setFallbackDataProvider(provider.get());
-    grain->open(1, 1, 0, 0);
-    grain->write(zeros.data(), kGrainBytes);
-    grain->close();
+    writeGrain(*grain, extent, 1, 1, zeros);
     EXPECT_EQ(extent.allocator->calls.size(), 2u);
     EXPECT_EQ(readGrain(*makeGrain(provider.get()), extent, 1, 1), grainOf({}));
     // A grain the file marks as zeroed reads as zeros over the provider, with no write.
@@ -245,12 +249,9 @@ TEST_P(CVMDKGrainTest, AFailedStoreLeavesTheGrainDirtyForTheNextFlush) {
     openGrain(*grain, extent, 0, 0);
     grain->write(fsData.data(), 100);
     grain->seek(0);
-    kz::P<Buffer> plain(new Buffer), aux(new Buffer);
-    plain->assign(fsData.data(), fsData.size());
+    const kz::P<Buffer> prepared = prepare(*grain, fsData, 0);
     extent.stream->failWritesFrom(0);
-    EXPECT_THROW(grain->writePreparedGrainData(
-                     *grain->createDataPreparer()->prepareGrainData(plain.get(), 0, aux.get())),
-                 kz::CIOError);
+    EXPECT_THROW(grain->writePreparedGrainData(*prepared), kz::CIOError);
     extent.stream->failWritesFrom(-1);
     const size_t writes = extent.stream->writes.size();
     grain->flushChangesToStream();
@@ -295,15 +296,11 @@ using CVMDKCompressedGrainTest = CVMDKGrainTest;
 TEST_P(CVMDKCompressedGrainTest, KeepsSlotsThatFitAndMovesOnceToAWorstCaseSlot) {
     // A grain whose prepared form is exactly one sector: 12 + size = 512, no fill.
     kz::P<CVMDKGrain> grain = makeGrain();
-    kz::P<harl::CVMDKDataPreparer> preparer = grain->createDataPreparer();
     Bytes exact;
-    kz::P<Buffer> plain(new Buffer(kGrainBytes));
-    kz::P<Buffer> aux(new Buffer);
     for (size_t n = 250; n < 400 && exact.empty(); ++n) {
         const Bytes candidate = grainOf(harltest::makeRandomData(n, 3));
-        plain->assign(candidate.data(), candidate.size());
-        if (preparer->prepareGrainData(plain.get(), 0, aux.get())->getUsed() == 512 &&
-            (*aux)[8] + 256 * (*aux)[9] == 500) {
+        const kz::P<Buffer> prepared = prepare(*grain, candidate, 0);
+        if (prepared->getUsed() == 512 && (*prepared)[8] + 256 * (*prepared)[9] == 500) {
             exact = candidate;
         }
     }
@@ -312,9 +309,7 @@ TEST_P(CVMDKCompressedGrainTest, KeepsSlotsThatFitAndMovesOnceToAWorstCaseSlot) 
     const Bytes longer = grainOf(harltest::makeRandomData(500, 4));  // 2 sectors
     const Bytes worst = harltest::makeRandomData(kGrainBytes, 5);
     for (const Bytes* data : std::vector<const Bytes*>{&exact, &exact, &longer, &worst}) {
-        openGrain(*grain, extent, 0, 0);
-        grain->write(data->data(), kGrainBytes);
-        grain->close();
+        writeGrain(*grain, extent, 0, 0, *data);
         EXPECT_EQ(readBack(0, 0), *data);
     }
     EXPECT_EQ(
@@ -325,9 +320,7 @@ TEST_P(CVMDKCompressedGrainTest, KeepsSlotsThatFitAndMovesOnceToAWorstCaseSlot) 
 
 TEST_P(CVMDKCompressedGrainTest, ReadsASizeOfTwiceAGrainAndRefusesMoreOrCorruptData) {
     kz::P<CVMDKGrain> grain = makeGrain();
-    grain->open(0, 0, 0, 0);
-    grain->write(fsData.data(), kGrainBytes);
-    grain->close();
+    writeGrain(*grain, extent, 0, 0, fsData);
     Buffer& file = extent.stream->getBuffer();
     const auto setSize = [&](unsigned size) {
         std::memcpy(file.getData() + 512 + 8, &size, 4);  // the host is little-endian
@@ -391,10 +384,7 @@ TEST_F(CVMDKGrainFixture, PreparedGrainsMoveBetweenExtentsWithOtherKeys) {
 
         // Over a slot it fits, kept data goes straight to the stream.
         const Bytes text = grainOf(harltest::makeTextLikeData(1000, 8));
-        kz::P<Buffer> plain(new Buffer), aux(new Buffer);
-        plain->assign(text.data(), text.size());
-        const kz::P<Buffer> smaller =
-            home->createDataPreparer()->prepareGrainData(plain.get(), 4, aux.get());
+        const kz::P<Buffer> smaller = prepare(*home, text, 4);
         openGrain(*home, back, 1, 4);
         home->writePreparedGrainDataKeepBuffer(kz::TConstBufferSlice<unsigned char>(*smaller));
         home->close();
@@ -415,91 +405,85 @@ TEST_F(CVMDKGrainFixture, PreparedGrainsMoveBetweenExtentsWithOtherKeys) {
               grainOf(Bytes(fsData.begin(), fsData.begin() + 100)));
 }
 
+// A grain needs a stream, and an allocator to write; it is at least a sector, and its bytes
+// and a compressed grain of twice that fit an int. The cases run in order on one grain.
 TEST_F(CVMDKGrainFixture, ErrorsCarryTheirTextsAndProperties) {
-    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] {
-                  CVMDKGrain(extent.stream.get(), kz::IIOStream::AccessReadWrite, 128, nullptr,
-                             false, 1, nullptr, nullptr, kz::TCryptBuffer<>(), Buffer());
-              }),
-              "-1 CVMDKGrain::CVMDKGrain: A grain needs a stream, and an allocator to write.");
-    // A grain is at least a sector, and its bytes and a compressed grain of twice that fit an
-    // int.
-    for (long long sectors : {0LL, 1LL, (1LL << 31) / 4 / 512}) {
-        EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] {
-                      CVMDKGrain(extent.stream.get(), kz::IIOStream::AccessRead, sectors, nullptr,
-                                 false, 1, nullptr, nullptr, kz::TCryptBuffer<>(), Buffer());
-                  }),
-                  sectors == 1 ? "nothing thrown"
-                               : "-1 CVMDKGrain::CVMDKGrain: Invalid grain size: " +
-                                     std::to_string(sectors));
-    }
+    const auto construct = [&](long long sectors, kz::IIOStream::Access access) {
+        CVMDKGrain(extent.stream.get(), access, sectors, nullptr, false, 1, nullptr, nullptr,
+                   kz::TCryptBuffer<>(), Buffer());
+    };
     kz::P<CVMDKGrain> grain = makeGrain(extent, {true, true});
-    EXPECT_EQ(grain->getPosition(), 0);
-    Buffer prepared(1);
-    EXPECT_EQ(thrownText<kz::CError>([&] { grain->readPreparedGrainData(prepared); }),
-              "-1 Internal error: CVMDKGrain::readPreparedGrainData was called, but no grain is "
-              "open.");
-    const std::string uri = "[uri=file:///d/grain.vmdk";
-    grain->open(0, 6, 0, 0);
-    Bytes bytes(kGrainBytes + 1);
-    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { grain->seek(kGrainBytes); }),
-              "-1 CVMDKGrain::seek: Invalid seek position in VMDK grain: 65536 " + uri +
-                  ", position=65536, grainSize=65536]");
-    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { grain->read(bytes.data(), -1); }),
-              "-1 CVMDKGrain::read: Invalid number of bytes to read: -1 " + uri + "]");
-    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { grain->write(bytes.data(), -1); }),
-              "-1 CVMDKGrain::write: Invalid number of bytes to write: -1 " + uri + "]");
-    grain->seek(65535);
-    EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->read(bytes.data(), 2); }),
-              "4 Unexpected end of data trying to read 2 bytes from VMDK grain. " + uri +
-                  ", position=65535, bytesToRead=2]");
-    EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->write(bytes.data(), 2); }),
-              "3 Cannot write 2 bytes to grain. Grain size exceeded. " + uri + "]");
-    const std::string notAtZero = " can only be called when the position in the grain is 0. " +
-                                  uri + ", posInGrain=65535, diskGrainIndex=6, extentGrainIndex=0";
-    EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->readPreparedGrainData(prepared); }),
-              "3 CVMDKGrain::tryReadPreparedGrainData" + notAtZero + "]");
-    prepared.setUsed(1);
-    EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->makeIndependentOfParent(); }),
-              "3 CVMDKGrain::makeIndependentOfParent" + notAtZero + "]");
-    EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->writePreparedGrainData(prepared); }),
-              "3 CVMDKGrain::writePreparedGrainData" + notAtZero + ", preparedDataSize=1]");
-    grain->seek(0);
-    EXPECT_EQ(thrownText<kz::CIOError>([&] { grain->writePreparedGrainData(prepared); }),
-              "5 CVMDKGrain::writePreparedGrainData called with data that is not a prepared "
-              "grain of this VMDK extent. " +
-                  uri +
-                  ", posInGrain=0, diskGrainIndex=6, extentGrainIndex=0, preparedDataSize=1]");
-    prepared.setUsed(0);
-    EXPECT_NE(thrownText<kz::CIOError>([&] {
-                  grain->writePreparedGrainData(prepared);
-              }).find("called with zero-length prepared data. "),
-              std::string::npos);
-
     kz::P<CVMDKGrain> reader =
         makeGrain(extent, {false, false}, nullptr, 1, kz::IIOStream::AccessRead);
-    EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { reader->open(0, 0, 1, 127); }),
-              "-1 CVMDKGrain::open: Slot size for allocated uncompressed grain is smaller than "
-              "the grain size (slot size: 127 sectors, grain size: 128 sectors");
-    reader->open(0, 0, 0, 0);
+    Bytes bytes(kGrainBytes + 1);
+    Buffer prepared(1);
+    const std::string size = "-1 CVMDKGrain::CVMDKGrain: Invalid grain size: ";
+    const std::string uri = "[uri=file:///d/grain.vmdk";
+    const std::string at = uri + ", posInGrain=65535, diskGrainIndex=6, extentGrainIndex=0";
+    const std::string notAtZero = " can only be called when the position in the grain is 0. ";
+    const std::string notOpen = " was called, but no grain is open.";
     const std::string notWritable = " was called, but the grain was not opened for writing.";
-    EXPECT_EQ(thrownText<kz::CError>([&] { reader->write(bytes.data(), 1); }),
-              "-1 Internal error: CVMDKGrain::write" + notWritable);
-    EXPECT_EQ(thrownText<kz::CError>([&] { reader->writePreparedGrainData(prepared); }),
-              "-1 Internal error: CVMDKGrain::writePreparedGrainData" + notWritable);
-    EXPECT_EQ(thrownText<kz::CError>([&] { reader->makeIndependentOfParent(); }),
-              "-1 Internal error: CVMDKGrain::makeIndependentOfParent" + notWritable);
+    using Case = std::pair<std::function<void()>, std::string>;
+    for (const Case& item : std::vector<Case>{
+             {[&] { construct(128, kz::IIOStream::AccessReadWrite); },
+              "-1 CVMDKGrain::CVMDKGrain: A grain needs a stream, and an allocator to write."},
+             {[&] { construct(0, kz::IIOStream::AccessRead); }, size + "0"},
+             {[&] { construct(1, kz::IIOStream::AccessRead); }, "nothing thrown"},
+             {[&] { construct((1LL << 31) / 4 / 512, kz::IIOStream::AccessRead); },
+              size + "1048576"},
+             {[&] { grain->readPreparedGrainData(prepared); },
+              "-1 Internal error: CVMDKGrain::readPreparedGrainData" + notOpen},
+             {[&] { grain->makeIndependentOfParent(); },
+              "-1 Internal error: CVMDKGrain::makeIndependentOfParent" + notOpen},
+             {[&] { grain->open(0, 6, 0, 0), grain->seek(kGrainBytes); },
+              "-1 CVMDKGrain::seek: Invalid seek position in VMDK grain: 65536 " + uri +
+                  ", position=65536, grainSize=65536]"},
+             {[&] { grain->read(bytes.data(), -1); },
+              "-1 CVMDKGrain::read: Invalid number of bytes to read: -1 " + uri + "]"},
+             {[&] { grain->write(bytes.data(), -1); },
+              "-1 CVMDKGrain::write: Invalid number of bytes to write: -1 " + uri + "]"},
+             {[&] { grain->seek(65535), grain->read(bytes.data(), 2); },
+              "4 Unexpected end of data trying to read 2 bytes from VMDK grain. " + uri +
+                  ", position=65535, bytesToRead=2]"},
+             {[&] { grain->write(bytes.data(), 2); },
+              "3 Cannot write 2 bytes to grain. Grain size exceeded. " + uri + "]"},
+             {[&] { grain->readPreparedGrainData(prepared); },
+              "3 CVMDKGrain::tryReadPreparedGrainData" + notAtZero + at + "]"},
+             {[&] { grain->makeIndependentOfParent(); },
+              "3 CVMDKGrain::makeIndependentOfParent" + notAtZero + at + "]"},
+             {[&] { prepared.setUsed(1), grain->writePreparedGrainData(prepared); },
+              "3 CVMDKGrain::writePreparedGrainData" + notAtZero + at + ", preparedDataSize=1]"},
+             {[&] { grain->seek(0), grain->writePreparedGrainData(prepared); },
+              "5 CVMDKGrain::writePreparedGrainData called with data that is not a prepared grain "
+              "of this VMDK extent. " +
+                  uri +
+                  ", posInGrain=0, diskGrainIndex=6, extentGrainIndex=0, preparedDataSize=1]"},
+             {[&] { prepared.setUsed(0), grain->writePreparedGrainData(prepared); },
+              "3 CVMDKGrain::writePreparedGrainData called with zero-length prepared data. " + uri +
+                  ", posInGrain=0, diskGrainIndex=6, extentGrainIndex=0, "
+                  "preparedDataSize=0]"},
+             {[&] { reader->open(0, 0, 1, 127); },
+              "-1 CVMDKGrain::open: Slot size for allocated uncompressed grain is smaller than "
+              "the grain size (slot size: 127 sectors, grain size: 128 sectors"},
+             {[&] { reader->open(0, 0, 0, 0), reader->write(bytes.data(), 1); },
+              "-1 Internal error: CVMDKGrain::write" + notWritable},
+             {[&] { reader->writePreparedGrainData(prepared); },
+              "-1 Internal error: CVMDKGrain::writePreparedGrainData" + notWritable},
+             {[&] { reader->makeIndependentOfParent(); },
+              "-1 Internal error: CVMDKGrain::makeIndependentOfParent" + notWritable},
+         }) {
+        EXPECT_EQ(harltest::errorText(item.first), item.second);
+    }
 }
 
 TEST(CVMDKGrainIVTest, LaysTheGrainIndexOverTheBaseIVTwice) {
-    Buffer base(16);
+    Buffer base(16), iv, expected(16);
     base.fill(0xf0);
-    Buffer iv;
-    CVMDKGrain::makeGrainEncryptIV(iv, base, 0);
-    EXPECT_EQ(iv, base);
-    CVMDKGrain::makeGrainEncryptIV(iv, base, 0x0102030405060708);
     for (size_t i = 0; i < 16; ++i) {
-        EXPECT_EQ(iv[i], 0xf0 ^ (8 - i % 8)) << i;
+        expected[i] = static_cast<unsigned char>(0xf0 ^ (8 - i % 8));
     }
+    CVMDKGrain::makeGrainEncryptIV(iv, base, 0x0102030405060708);
+    EXPECT_EQ(iv, expected);
 }
 
 }  // namespace
