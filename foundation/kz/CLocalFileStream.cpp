@@ -103,6 +103,8 @@ void CLocalFileStream::doFlush() {
     if (result != 0) {
         throw CLocalFileSystem::makeError("Cannot flush file", errno, getURI());
     }
+    // What was written is on the disk now: nothing is left to start.
+    unstartedBytes = 0;
 }
 
 bool CLocalFileStream::doLockRange(long long position, long long length, LockType type) {

@@ -234,7 +234,7 @@ TEST_F(HarlImgTest, RoundTripsEveryFormWithQemuImgAsPeer) {
 // Holes of a raw file are left out unread. Data ends and starts again inside grains, and the
 // file ends in a hole and a partial grain: every grain with a byte of data must arrive.
 TEST_F(HarlImgTest, ConvertSkipsHolesOfRawFilesButNoDataBesideThem) {
-    const harltest::Bytes data = harltest::makeFileSystemLikeData(kGrain, 8);
+    const harltest::Bytes data = harltest::makeFileSystemLikeData(100 * 1024, 8);
     {
         std::ofstream raw(file("holes.raw"), std::ios::binary);
         raw.write(reinterpret_cast<const char*>(data.data()), 100 * 1024);
