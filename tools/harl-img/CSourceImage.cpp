@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace harlimg {
@@ -101,10 +102,18 @@ CSourceImage::CSourceImage(kz::IFileSystem* fileSystem, const std::string& path,
         extentStarts = extentStartsOf(*disk);
     } else {
         stream = fileSystem->open(uri, kRead, 0);
-        // Opened after the file system let the file through; without it all is read.
-        holesFd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     }
     sizeBytes = stream->getLength();
+    if (!vmdk) {
+        // Opened after the file system let the file through. A file of another size is not
+        // the one being read (the path changed in between): then, as without it, all is read.
+        holesFd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat info;
+        if (holesFd >= 0 && (::fstat(holesFd, &info) != 0 || info.st_size != sizeBytes)) {
+            ::close(holesFd);
+            holesFd = -1;
+        }
+    }
 }
 
 CSourceImage::~CSourceImage() {
