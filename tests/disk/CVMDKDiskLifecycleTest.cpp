@@ -90,7 +90,6 @@ TEST_P(CVMDKDiskRoundTripTest, WritesReopensAndReadsBack) {
     }
     {
         kz::P<CVMDKDisk> disk = create("disk.vmdk", child() ? "parent.vmdk" : "", parentCID);
-        EXPECT_EQ(disk->getSizeBytes(), 8 * kMiB);
         EXPECT_EQ(disk->getParentDiskMainURI(), child() ? at("parent.vmdk") : kz::CURI());
         // A partial write over a parent's grain, one across extent files, the disk's last bytes.
         model.write(*disk, 3 * kGrain + 100, harltest::makeTextLikeData(5000, 1));
@@ -141,8 +140,11 @@ protected:
         return fs->getFile(at(name)) ? fs->getFile(at(name))->getLength() : -1;
     }
 
-    // Each line's key (the text before "=" or " "), joined by "|".
-    static std::string lineKeys(const std::string& text) {
+    // Each line's key in a descriptor file (the text before "=" or " "), joined by "|".
+    std::string lineKeys(const std::string& name) const {
+        const kz::TBuffer<unsigned char>& content = fs->getFile(at(name))->getContent();
+        const std::string text =
+            std::string(content.getData(), content.getData() + content.getUsed()).c_str();
         std::string keys;
         size_t start = 0;
         for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
@@ -152,11 +154,6 @@ protected:
         return keys;
     }
 
-    std::string descriptorText(const std::string& name) const {
-        const kz::TBuffer<unsigned char>& content = fs->getFile(at(name))->getContent();
-        return std::string(content.getData(), content.getData() + content.getUsed()).c_str();
-    }
-
     kz::P<kz::CMemoryFileSystem> fs{new kz::CMemoryFileSystem};
 };
 
@@ -164,7 +161,6 @@ TEST_F(CVMDKDiskCreateTest, PlansTheWorkedExamples) {
     EXPECT_EQ(CVMDKDisk::getVirtualDiskSizeBytesFromMinSizeBytes(0), 8388608);
     EXPECT_EQ(CVMDKDisk::getVirtualDiskSizeBytesFromMinSizeBytes(8388609), 8454144);
     EXPECT_EQ(CVMDKDisk::getDefaultFileSizeLimit(), 2147483648LL);
-    EXPECT_EQ(CVMDKDisk::getGrainSizeSectors(), 128);
     const long long tenGiB = 10737418240LL;
 
     auto monolithic = CVMDKDisk::create(fs.get(), at("disk.vmdk"), tenGiB, "", false, 1, -1, "",
@@ -186,7 +182,7 @@ TEST_F(CVMDKDiskCreateTest, PlansTheWorkedExamples) {
     EXPECT_EQ(lengthOf("disk.vmdk"), 65 * 512);  // the descriptor alone
     EXPECT_EQ(split->getDescriptor()->getCreateType(), "twoGbMaxExtentSparse");
     // The lines in their order, by their keys.
-    EXPECT_EQ(lineKeys(descriptorText("disk.vmdk")),
+    EXPECT_EQ(lineKeys("disk.vmdk"),
               "# Disk DescriptorFile|version|encoding|CID|parentCID|createType||"
               "# Extent description|RW|RW|RW|RW|RW|RW||# The Disk Data Base|#DDB|"
               "ddb.adapterType|ddb.geometry.sectors|ddb.geometry.heads|ddb.geometry.cylinders|");
@@ -230,14 +226,13 @@ TEST_F(CVMDKDiskCreateTest, RefusesBadPlansBeforeTouchingAFile) {
                           parentCID, false);
     };
     const long long twoTiB = 2199023255552LL;
+    const std::string halfParent =
+        "-1 CVMDKDisk::create: sParentRelPath and parentContentID must either both be specified "
+        "or both have the default values. [parentRelPath=";
     EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { create(0, -1, "p.vmdk", 0xFFFFFFFF); }),
-              "-1 CVMDKDisk::create: sParentRelPath and parentContentID must either both be "
-              "specified or both have the default values. [parentRelPath=p.vmdk, "
-              "parentContentID=ffffffff]");
+              halfParent + "p.vmdk, parentContentID=ffffffff]");
     EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { create(0, -1, "", 0x1234abcd); }),
-              "-1 CVMDKDisk::create: sParentRelPath and parentContentID must either both be "
-              "specified or both have the default values. [parentRelPath=, "
-              "parentContentID=1234abcd]");
+              halfParent + ", parentContentID=1234abcd]");
     EXPECT_EQ(thrownText<kz::CInvalidArgError>([&] { create(twoTiB + 1, -1, "", 0xFFFFFFFF); }),
               "-1 CVMDKDisk::create: Invalid VMDK disk size for single unsplittable disk file: "
               "2199023321088 bytes. [sizeBytes=2199023321088]");
@@ -318,10 +313,6 @@ TEST_F(CVMDKDiskCreateTest, AFailedCreateLeavesWhatWasFinishedAndTheFirstError) 
         }
     }
 }
-
-}  // namespace
-
-namespace {
 
 TEST(CVMDKDiskCloseTest, ReportsWhatTheDestructorCouldOnlyLog) {
     kz::P<kz::CMemoryFileSystem> fs(new kz::CMemoryFileSystem);
