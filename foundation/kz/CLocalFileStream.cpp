@@ -40,6 +40,8 @@ int CLocalFileStream::doRead(long long position, void* data, int size) {
 }
 
 void CLocalFileStream::doWrite(long long position, const void* data, int size) {
+    const long long start = position;
+    const long long end = position + size;
     const unsigned char* bytes = static_cast<const unsigned char*>(data);
     while (size > 0) {
         const ssize_t count =
@@ -52,17 +54,13 @@ void CLocalFileStream::doWrite(long long position, const void* data, int size) {
             throw CLocalFileSystem::makeError("Cannot write file", count < 0 ? errno : ENOSPC,
                                               getURI());
         }
-        if (unstartedBytes == 0) {
-            unstartedFrom = position;
-            unstartedTo = position;
-        }
-        unstartedFrom = std::min(unstartedFrom, position);
-        unstartedTo = std::max(unstartedTo, position + count);
-        unstartedBytes += count;
         bytes += count;
         position += count;
         size -= static_cast<int>(count);
     }
+    unstartedFrom = unstartedBytes == 0 ? start : std::min(unstartedFrom, start);
+    unstartedTo = unstartedBytes == 0 ? end : std::max(unstartedTo, end);
+    unstartedBytes += end - start;
     if (unstartedBytes >= kWritebackBytes) {
         startWriteback();
     }

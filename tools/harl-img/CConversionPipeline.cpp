@@ -120,9 +120,8 @@ void CConversionPipeline::writeLoop(const Writer& writer) {
         {
             std::unique_lock lock(mutex);
             // Within a run the writer goes on while the next slot is ready; between runs it
-            // sleeps until a whole batch is.
-            const bool inRun = writerNext != jobCount && !failure &&
-                               slotOf(writerNext).state == SlotState::Ready;
+            // sleeps until a whole batch is. (Past the last job the slot is free.)
+            const bool inRun = slotOf(writerNext).state == SlotState::Ready;
             if (!inRun && !writerMayGo()) {
                 writerWaiting = true;
                 writerWake.wait(lock, [&] { return writerMayGo(); });
